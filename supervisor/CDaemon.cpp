@@ -1,0 +1,245 @@
+// CDaemon: instance discovery, launching, the supervision loop and shutdown.
+#include "supervisor/CDaemon.h"
+
+#include <dirent.h>
+#include <signal.h>
+#include <strings.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "support/CString.h"
+#include "support/FastMutex.h"
+
+const char kServerProgram[] = "Morvane.exe";
+const char kListenerProgram[] = "MorvaneHL7.exe";
+
+CDaemon* g_daemon = nullptr;
+volatile bool g_running = true;
+time_t g_lastRestart = 0;
+
+namespace {
+const char kLogIdentity[] = "MORVANE";
+const char kInstanceExtension[] = ".INI";
+const unsigned kInstanceExtensionLength = 4;
+// A child that dies this many seconds or fewer after the last restart waits
+// out the brake before it is replaced.
+const time_t kBrakeWindowSeconds = 9;
+const unsigned kBrakeSleepSeconds = 30;
+const size_t kWorkingDirectoryBufferSize = 256;
+
+// The mask the process was started with, and the mask of the main flow.
+sigset_t s_startMask;
+sigset_t s_sigTerm;
+
+void AllowSigTerm() { sigprocmask(SIG_SETMASK, &s_startMask, nullptr); }
+void HoldSigTerm() { sigprocmask(SIG_BLOCK, &s_sigTerm, nullptr); }
+
+// A SIGTERM that came in while it was held runs its handler here.
+void TakePendingSigTerm() {
+  AllowSigTerm();
+  HoldSigTerm();
+}
+
+// The program path is built anew for every launch. A working directory whose
+// path does not fit the buffer is still the base directory, so the program is
+// then reached relative to it: the right program still starts, and no path
+// built from an unfilled buffer is ever executed.
+std::string ProgramPath(const char* program) {
+  char directory[kWorkingDirectoryBufferSize];
+  if (getcwd(directory, sizeof directory) == nullptr) {
+    return std::string("./") + program;
+  }
+  return std::string(directory) + "/" + program;
+}
+
+// Runs in the child between fork and exec. A failed exec is not reported and
+// the child carries on in its caller's code as a second supervisor; it then
+// holds SIGTERM back just as its parent does.
+void ExecChild(const std::string& path, const char* program, const char* name) {
+  AllowSigTerm();
+  execl(path.c_str(), program, name, static_cast<char*>(nullptr));
+  HoldSigTerm();
+}
+
+void RestartBrake() {
+  if (time(nullptr) - g_lastRestart <= kBrakeWindowSeconds) {
+    // SIGTERM cuts the sleep short; the replacement is started all the same.
+    AllowSigTerm();
+    sleep(kBrakeSleepSeconds);
+    HoldSigTerm();
+  }
+  g_lastRestart = time(nullptr);
+}
+}  // namespace
+
+CDaemon::CDaemon() {
+  openlog(kLogIdentity, LOG_PID | LOG_CONS | LOG_NDELAY, LOG_DAEMON);
+  syslog(LOG_DAEMON | LOG_NOTICE, "Starting daemon [%d]...\n", getpid());
+
+  // An unreadable base directory is not reported: the daemon has no instances.
+  DIR* directory = opendir("./");
+  if (directory != nullptr) {
+    while (const dirent* entry = readdir(directory)) {
+      if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) {
+        continue;
+      }
+      // The entry's type is not looked at: a directory named X.ini is an
+      // instance too. For names shorter than the extension, the unsigned
+      // count wraps and Left gives the whole name, which never matches.
+      CString fileName(entry->d_name);
+      CString base = fileName.Left(fileName.GetLength() - kInstanceExtensionLength);
+      CString extension = fileName.Right(kInstanceExtensionLength);
+      if (strcasecmp(extension.GetString(), kInstanceExtension) == 0) {
+        m_instances.push_back(base.GetString());
+      }
+    }
+    closedir(directory);
+  }
+
+  if (g_daemon == nullptr) g_daemon = this;
+}
+
+CDaemon::~CDaemon() {
+  // g_daemon keeps pointing here once this object is gone, so a late SIGTERM
+  // is ignored instead of reaching a destroyed object.
+  if (g_daemon == this) signal(SIGTERM, SIG_IGN);
+  syslog(LOG_DAEMON | LOG_NOTICE, "Stopping daemon [%d]...\n", getpid());
+  closelog();
+}
+
+CDaemon* CDaemon::Instance() {
+  if (g_daemon != nullptr) return g_daemon;
+  g_daemon = new CDaemon();
+  return g_daemon;
+}
+
+void CDaemon::DeferSigTerm() {
+  sigemptyset(&s_sigTerm);
+  sigaddset(&s_sigTerm, SIGTERM);
+  sigprocmask(SIG_BLOCK, &s_sigTerm, &s_startMask);
+}
+
+void CDaemon::StartServer(const char* name, bool withListener) {
+  TakePendingSigTerm();
+  std::string path = ProgramPath(kServerProgram);
+  pid_t pid = fork();
+  if (pid == 0) {
+    ExecChild(path, kServerProgram, name);
+    return;
+  }
+  // A failed fork is logged and recorded under -1 like any other pid.
+  syslog(LOG_DAEMON | LOG_NOTICE, "Starting Server %s:%d...\n", name, pid);
+  g_processLock.Lock();
+  m_servers[pid] = name;
+  g_processLock.Unlock();
+  if (withListener) StartHL7Listener(name);
+}
+
+void CDaemon::StartHL7Listener(const char* name) {
+  TakePendingSigTerm();
+  std::string path = ProgramPath(kListenerProgram);
+  // Without the listener program the instance simply runs its server alone.
+  if (access(path.c_str(), X_OK) != 0) return;
+  pid_t pid = fork();
+  if (pid == 0) {
+    ExecChild(path, kListenerProgram, name);
+    return;
+  }
+  syslog(LOG_DAEMON | LOG_NOTICE, "Starting HL-7 Listener %s:%d...\n", name,
+         pid);
+  g_processLock.Lock();
+  m_listeners[pid] = name;
+  g_processLock.Unlock();
+}
+
+bool CDaemon::Run() {
+  // Start-up launches are not restarts: no brake, no stamp.
+  for (const std::string& name : m_instances) StartServer(name.c_str(), true);
+
+  for (;;) {
+    int status = 0;
+    AllowSigTerm();
+    pid_t pid = wait3(&status, WUNTRACED, nullptr);
+    int waitError = errno;
+    HoldSigTerm();
+    if (pid == 0) continue;
+    if (pid < 0) {
+      if (waitError == EINTR) break;
+      // ECHILD included: with no children at all this spins.
+      continue;
+    }
+
+    const char* text;
+    int code;
+    if ((status & 0x7f) == 0) {
+      text = "exited with status";
+      code = status >> 8;
+    } else if ((status & 0x7f) == 0x7f) {
+      // A stopped child counts as gone: it is replaced and forgotten.
+      text = "stopped by signal";
+      code = status >> 8;
+    } else {
+      text = "killed by signal";
+      code = status & 0x7f;
+    }
+
+    g_processLock.Lock();
+    auto server = m_servers.find(pid);
+    auto listener = m_listeners.find(pid);
+    if (server != m_servers.end()) {
+      std::string name = server->second;
+      m_servers.erase(server);
+      g_processLock.Unlock();
+      syslog(LOG_DAEMON | LOG_WARNING, "Server %s:%d %s [%d]\n", name.c_str(),
+             pid, text, code);
+      if (g_running) {
+        RestartBrake();
+        StartServer(name.c_str(), false);
+      }
+    } else if (listener != m_listeners.end()) {
+      std::string name = listener->second;
+      m_listeners.erase(listener);
+      g_processLock.Unlock();
+      syslog(LOG_DAEMON | LOG_WARNING, "HL-7 Listener %s:%d %s [%d]\n",
+             name.c_str(), pid, text, code);
+      if (g_running) {
+        RestartBrake();
+        StartHL7Listener(name.c_str());
+      }
+    } else {
+      syslog(LOG_DAEMON | LOG_WARNING, "Unknown child process [%d] %s [%d]\n",
+             pid, text, code);
+    }
+    // For a known child the lock was already released above; this second
+    // unlock fails silently and leaves the lock free.
+    g_processLock.Unlock();
+    if (!g_running) break;
+  }
+  return true;
+}
+
+void CDaemon::StopAll() {
+  g_processLock.Lock();
+  g_running = false;
+  // Every pid is signalled as listed, -1 from a failed fork included.
+  for (const auto& entry : m_servers) {
+    syslog(LOG_DAEMON | LOG_NOTICE, "Stopping Server %s:%d...\n",
+           entry.second.c_str(), entry.first);
+    kill(entry.first, SIGKILL);
+  }
+  for (const auto& entry : m_listeners) {
+    syslog(LOG_DAEMON | LOG_NOTICE, "Stopping HL-7 Listener %s:%d...\n",
+           entry.second.c_str(), entry.first);
+    kill(entry.first, SIGKILL);
+  }
+  g_processLock.Unlock();
+}
+
+void OnSigTerm(int) {
+  CDaemon* daemon = CDaemon::Instance();
+  if (daemon != nullptr) daemon->StopAll();
+}

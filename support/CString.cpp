@@ -1,0 +1,158 @@
+// CString: byte-string operations used to split instance file names.
+#include "support/CString.h"
+
+#include <cctype>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+const size_t kFormatBufferSize = 1024;
+
+// The byte goes to the C library as a plain (signed) char, as this class has
+// always done; glibc's tables accept the negative values of bytes >= 0x80.
+bool IsSpace(char c) { return isspace(c) != 0; }
+}  // namespace
+
+CString::CString() = default;
+
+CString::CString(const char* s) {
+  if (s != nullptr) m_text = s;
+}
+
+CString::CString(const char* s, unsigned n) : m_text(s, n) {}
+
+CString::CString(char c, int count) {
+  for (int i = 0; i < count; ++i) m_text += c;
+}
+
+CString::CString(const CString& other) : m_text(other.m_text.c_str()) {}
+
+CString::~CString() = default;
+
+unsigned CString::GetLength() const {
+  return static_cast<unsigned>(m_text.size());
+}
+
+const char* CString::GetString() const { return m_text.c_str(); }
+
+CString& CString::operator=(const CString& other) {
+  m_text = other.m_text;
+  return *this;
+}
+
+CString& CString::operator=(const char* s) {
+  m_text = s;
+  return *this;
+}
+
+CString& CString::operator=(char c) {
+  m_text = c;
+  return *this;
+}
+
+CString& CString::operator+=(const CString& other) {
+  m_text += other.m_text;
+  return *this;
+}
+
+CString& CString::operator+=(const char* s) {
+  m_text += s;
+  return *this;
+}
+
+CString& CString::operator+=(char c) {
+  m_text += c;
+  return *this;
+}
+
+bool CString::operator<(const CString& other) const {
+  return m_text.compare(other.m_text.c_str()) < 0;
+}
+
+CString operator+(const CString& a, const CString& b) {
+  CString result(a);
+  result += b;
+  return result;
+}
+
+CString CString::Left(unsigned n) const {
+  return CString(m_text.substr(0, n).c_str());
+}
+
+CString CString::Right(unsigned n) const {
+  if (n >= m_text.size()) return CString(m_text.c_str());
+  return CString(m_text.substr(m_text.size() - n).c_str());
+}
+
+CString CString::Mid(unsigned start, unsigned count) const {
+  return CString(m_text.substr(start, count).c_str());
+}
+
+void CString::Format(const char* format, ...) {
+  char buffer[kFormatBufferSize] = {};
+  va_list args;
+  va_start(args, format);
+  vsnprintf(buffer, sizeof buffer, format, args);
+  va_end(args);
+  m_text = buffer;
+}
+
+void CString::MakeUpper() {
+  for (char& c : m_text) c = static_cast<char>(toupper(c));
+}
+
+void CString::MakeLower() {
+  for (char& c : m_text) c = static_cast<char>(tolower(c));
+}
+
+void CString::TrimLeft() {
+  size_t i = 0;
+  while (i < m_text.size() && IsSpace(m_text[i])) ++i;
+  m_text.erase(0, i);
+}
+
+void CString::TrimRight() {
+  size_t n = m_text.size();
+  while (n > 0 && IsSpace(m_text[n - 1])) --n;
+  m_text.erase(n);
+}
+
+int CString::Replace(char from, char to) {
+  int count = 0;
+  for (char& c : m_text) {
+    if (c == from) {
+      c = to;
+      ++count;
+    }
+  }
+  return count;
+}
+
+int CString::Replace(const char* from, const char* to) {
+  size_t pos = m_text.find(from);
+  if (pos == std::string::npos) return 0;
+  int count = 0;
+  while (pos != std::string::npos) {
+    m_text = m_text.substr(0, pos) + to + m_text.substr(pos + strlen(from));
+    ++count;
+    // Resume after the inserted text, so a replacement is never rescanned.
+    pos = m_text.find(from, pos + strlen(to));
+  }
+  return count;
+}
+
+int CString::Remove(char c) {
+  std::string kept;
+  int count = 0;
+  for (char b : m_text) {
+    if (b != c) {
+      kept += b;
+      ++count;
+    }
+  }
+  // An all-c text is kept as it was rather than emptied; callers rely on the
+  // count of what stayed.
+  if (!kept.empty()) m_text = kept;
+  return count;
+}
