@@ -2,6 +2,9 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <chrono>
+#include <set>
+#include <thread>
 #include <filesystem>
 #include <fstream>
 
@@ -107,4 +110,48 @@ TEST_F(DaemonTest, SigTermWithoutInstancesLeavesTheDaemonSpinning) {
   EXPECT_TRUE(std::filesystem::exists(pidFile));
   // The fixture ends it with SIGKILL, by pid.
 }
+
+class SigTermInStartUpTest : public DaemonTest, public ::testing::WithParamInterface<int> {};
+
+// SIGTERM may land while the start-up pass is inside syslog, malloc or a
+// table update; the daemon must neither hang nor crash, and must end as
+// always: children listed before the signal killed, later ones left running,
+// the loop ended after the first reaped child.
+TEST_P(SigTermInStartUpTest, EndsCleanlyWhateverTheInstant) {
+  Install("Morvane.exe");
+  Install("MorvaneHL7.exe");
+  for (int i = 0; i < 200; ++i) Touch("i" + std::to_string(i) + ".INI");
+  Start();
+  ASSERT_TRUE(WaitFor([&] { return std::filesystem::exists(pidFile); }));  // handler in place
+  std::this_thread::sleep_for(std::chrono::milliseconds(GetParam()));  // the instant, not a wait
+  Signal(SIGTERM);
+  ASSERT_EQ(WaitExit(), 0);
+  EXPECT_FALSE(std::filesystem::exists(pidFile));
+
+  std::vector<std::string> texts = LogTexts();
+  auto firstStop = std::find_if(texts.begin(), texts.end(), [](const std::string& t) {
+    return t.rfind("Stopping Server", 0) == 0 || t.rfind("Stopping HL-7", 0) == 0;
+  });
+  ASSERT_NE(firstStop, texts.end());
+  ASSERT_GE(texts.size(), 2u);
+  EXPECT_NE(texts[texts.size() - 2].find(" killed by signal [9]\n"), std::string::npos);
+  std::set<std::string> stopped;
+  for (auto it = firstStop; it != texts.end(); ++it) {
+    if (it->rfind("Stopping ", 0) == 0) stopped.insert(it->substr(9));
+  }
+  for (auto it = texts.begin() + 1; it != texts.end(); ++it) {
+    if (it->rfind("Starting ", 0) != 0) continue;
+    std::string child = it->substr(9);
+    pid_t pid = std::stoi(child.substr(child.find(':') + 1));
+    if (it < firstStop) {
+      EXPECT_EQ(stopped.count(child), 1u) << "not stopped: " << child;
+      EXPECT_TRUE(WaitFor([&] { return !Alive(pid); })) << child;
+    } else {
+      EXPECT_TRUE(Alive(pid)) << "started after the signal but gone: " << child;
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Instants, SigTermInStartUpTest,
+                         ::testing::Values(0, 1, 3, 10, 30, 60, 100, 140));
 }  // namespace
