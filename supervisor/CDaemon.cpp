@@ -104,9 +104,16 @@ CDaemon::CDaemon() {
 }
 
 CDaemon::~CDaemon() {
-  // g_daemon keeps pointing here once this object is gone, so a late SIGTERM
-  // is ignored instead of reaching a destroyed object.
-  if (g_daemon == this) signal(SIGTERM, SIG_IGN);
+  // g_daemon keeps pointing here once this object is gone. A SIGTERM held
+  // back until now is handled while the object is whole; a later one is
+  // ignored instead of reaching a destroyed object. Where the handler was
+  // never installed, SIGTERM keeps its default action.
+  struct sigaction current = {};
+  if (g_daemon == this && sigaction(SIGTERM, nullptr, &current) == 0 &&
+      current.sa_handler == OnSigTerm) {
+    TakePendingSigTerm();
+    signal(SIGTERM, SIG_IGN);
+  }
   syslog(LOG_DAEMON | LOG_NOTICE, "Stopping daemon [%d]...\n", getpid());
   closelog();
 }
@@ -133,6 +140,9 @@ void CDaemon::StartServer(const char* name, bool withListener) {
   }
   // A failed fork is logged and recorded under -1 like any other pid.
   syslog(LOG_DAEMON | LOG_NOTICE, "Starting Server %s:%d...\n", name, pid);
+  // A SIGTERM that came during the fork or the log line must not see this
+  // child yet, as if it had been handled at once.
+  TakePendingSigTerm();
   g_processLock.Lock();
   m_servers[pid] = name;
   g_processLock.Unlock();
@@ -151,6 +161,7 @@ void CDaemon::StartHL7Listener(const char* name) {
   }
   syslog(LOG_DAEMON | LOG_NOTICE, "Starting HL-7 Listener %s:%d...\n", name,
          pid);
+  TakePendingSigTerm();
   g_processLock.Lock();
   m_listeners[pid] = name;
   g_processLock.Unlock();
@@ -196,6 +207,7 @@ bool CDaemon::Run() {
       g_processLock.Unlock();
       syslog(LOG_DAEMON | LOG_WARNING, "Server %s:%d %s [%d]\n", name.c_str(),
              pid, text, code);
+      TakePendingSigTerm();
       if (g_running) {
         RestartBrake();
         StartServer(name.c_str(), false);
@@ -206,6 +218,7 @@ bool CDaemon::Run() {
       g_processLock.Unlock();
       syslog(LOG_DAEMON | LOG_WARNING, "HL-7 Listener %s:%d %s [%d]\n",
              name.c_str(), pid, text, code);
+      TakePendingSigTerm();
       if (g_running) {
         RestartBrake();
         StartHL7Listener(name.c_str());
@@ -217,6 +230,7 @@ bool CDaemon::Run() {
     // For a known child the lock was already released above; this second
     // unlock fails silently and leaves the lock free.
     g_processLock.Unlock();
+    TakePendingSigTerm();
     if (!g_running) break;
   }
   return true;
@@ -240,6 +254,8 @@ void CDaemon::StopAll() {
 }
 
 void OnSigTerm(int) {
+  int savedErrno = errno;  // the interrupted code may be about to read it
   CDaemon* daemon = CDaemon::Instance();
   if (daemon != nullptr) daemon->StopAll();
+  errno = savedErrno;
 }

@@ -4,10 +4,13 @@
 // children it knows of.
 //
 // One thread. SIGTERM is the only asynchronous entry: its handler reaches the
-// object through g_daemon. To keep the handler away from the C library's
-// internal locks, SIGTERM stays blocked (DeferSigTerm) except at points where
-// the main flow holds no lock and is inside no library call: before each
-// launch, around the wait for children and around the restart brake's sleep.
+// object through g_daemon. Its handler logs and walks the tables, so it must
+// never run while the main flow is inside syslog, malloc or a table update:
+// SIGTERM stays blocked (DeferSigTerm) and is let in only at points where the
+// main flow holds no lock and is inside no library call. There are enough of
+// them (around the wait and the brake's sleep, before each launch and table
+// update, before each test of g_running) that a SIGTERM has the same effect
+// as if it had been handled the moment it arrived.
 #ifndef SUPERVISOR_CDAEMON_H_
 #define SUPERVISOR_CDAEMON_H_
 

@@ -56,6 +56,8 @@ int main(int argc, char* argv[]) {
       printf("non-option ARGV elements: ");
       while (optind < argc) printf("%s ", argv[optind++]);
       putchar('\n');
+      // Out at once, even into a pipe, and never inherited by a child.
+      fflush(stdout);
     }
   }
 

@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 namespace {
 const size_t kFormatBufferSize = 1024;
@@ -27,6 +28,8 @@ CString::CString(char c, int count) {
 }
 
 CString::CString(const CString& other) : m_text(other.m_text.c_str()) {}
+
+CString::CString(CString&& other) noexcept : m_text(std::move(other.m_text)) {}
 
 CString::~CString() = default;
 

@@ -17,6 +17,8 @@ class CString {
   CString(const char* s, unsigned n);
   CString(char c, int count);
   CString(const CString& other);
+  // Keeps every byte, so a result returned by value is never cut short.
+  CString(CString&& other) noexcept;
   virtual ~CString();
 
   unsigned GetLength() const;

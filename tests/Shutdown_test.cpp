@@ -100,7 +100,7 @@ bool SigTermPending(pid_t pid) {
 TEST_F(DaemonTest, SigTermWithoutInstancesLeavesTheDaemonSpinning) {
   Install("Morvane.exe");
   Start();
-  ASSERT_TRUE(WaitForText("Starting daemon [" + Pid(daemon) + "]...\n"));
+  ASSERT_TRUE(WaitFor([&] { return std::filesystem::exists(pidFile); }));  // handler in place
   Signal(SIGTERM);
   ASSERT_TRUE(WaitFor([&] { return !SigTermPending(daemon); }));
   long ticks = CpuTicks(daemon);
@@ -122,7 +122,9 @@ TEST_P(SigTermInStartUpTest, EndsCleanlyWhateverTheInstant) {
   Install("MorvaneHL7.exe");
   for (int i = 0; i < 200; ++i) Touch("i" + std::to_string(i) + ".INI");
   Start();
-  ASSERT_TRUE(WaitFor([&] { return std::filesystem::exists(pidFile); }));  // handler in place
+  // The first listener's start line comes after the first server entered its
+  // table: from there on, the signal always has something to kill.
+  ASSERT_TRUE(WaitFor([&] { return LogTexts().size() >= 3; }));
   std::this_thread::sleep_for(std::chrono::milliseconds(GetParam()));  // the instant, not a wait
   Signal(SIGTERM);
   ASSERT_EQ(WaitExit(), 0);
@@ -139,11 +141,16 @@ TEST_P(SigTermInStartUpTest, EndsCleanlyWhateverTheInstant) {
   for (auto it = firstStop; it != texts.end(); ++it) {
     if (it->rfind("Stopping ", 0) == 0) stopped.insert(it->substr(9));
   }
+  // A start line is logged before its child enters the table, so the child
+  // logged last before the signal may or may not be listed.
+  auto lastBefore = std::find_if(std::make_reverse_iterator(firstStop), texts.rend(),
+                                 [](const std::string& t) { return t.rfind("Starting ", 0) == 0; });
   for (auto it = texts.begin() + 1; it != texts.end(); ++it) {
     if (it->rfind("Starting ", 0) != 0) continue;
     std::string child = it->substr(9);
     pid_t pid = std::stoi(child.substr(child.find(':') + 1));
-    if (it < firstStop) {
+    bool listed = it < firstStop && (it + 1 != lastBefore.base() || stopped.count(child) == 1);
+    if (listed) {
       EXPECT_EQ(stopped.count(child), 1u) << "not stopped: " << child;
       EXPECT_TRUE(WaitFor([&] { return !Alive(pid); })) << child;
     } else {
@@ -153,5 +160,5 @@ TEST_P(SigTermInStartUpTest, EndsCleanlyWhateverTheInstant) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Instants, SigTermInStartUpTest,
-                         ::testing::Values(0, 1, 3, 10, 30, 60, 100, 140));
+                         ::testing::Values(0, 1, 3, 10, 30, 60, 100, 130));
 }  // namespace
