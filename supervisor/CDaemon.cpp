@@ -91,7 +91,8 @@ CDaemon::CDaemon() {
       // instance too. For names shorter than the extension, the unsigned
       // count wraps and Left gives the whole name, which never matches.
       CString fileName(entry->d_name);
-      CString base = fileName.Left(fileName.GetLength() - kInstanceExtensionLength);
+      CString base =
+          fileName.Left(fileName.GetLength() - kInstanceExtensionLength);
       CString extension = fileName.Right(kInstanceExtensionLength);
       if (strcasecmp(extension.GetString(), kInstanceExtension) == 0) {
         m_instances.push_back(base.GetString());

@@ -66,8 +66,8 @@ int main(int argc, char* argv[]) {
 
   std::string serverPath = std::string("./") + kServerProgram;
   if (access(serverPath.c_str(), X_OK) == -1) {
-    syslog(LOG_DAEMON | LOG_ERR, "%s does not exist or not an executable file\n",
-           kServerProgram);
+    syslog(LOG_DAEMON | LOG_ERR,
+           "%s does not exist or not an executable file\n", kServerProgram);
     return kExitNoServerProgram;
   }
   if (pidFile.empty()) {

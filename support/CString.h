@@ -13,7 +13,8 @@
 class CString {
  public:
   CString();
-  CString(const char* s);  // NOLINT(google-explicit-constructor): used as a value type
+  // Implicit on purpose: a C string is used wherever a CString is.
+  CString(const char* s);  // NOLINT(google-explicit-constructor)
   CString(const char* s, unsigned n);
   CString(char c, int count);
   CString(const CString& other);

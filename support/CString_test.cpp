@@ -126,12 +126,9 @@ struct ReplaceCase {
 
 TEST(CStringReplace, StringsNeverRescanTheirOwnOutput) {
   const ReplaceCase cases[] = {
-      {"aaa", "a", "aa", 3, "aaaaaa"},
-      {"a.b.c", ".", "", 2, "abc"},
-      {"banana", "xyz", "q", 0, "banana"},
-      {"banana", "ana", "o", 1, "bona"},
-      {"abab", "ab", "ba", 2, "baba"},
-      {"", "a", "b", 0, ""},
+      {"aaa", "a", "aa", 3, "aaaaaa"},     {"a.b.c", ".", "", 2, "abc"},
+      {"banana", "xyz", "q", 0, "banana"}, {"banana", "ana", "o", 1, "bona"},
+      {"abab", "ab", "ba", 2, "baba"},     {"", "a", "b", 0, ""},
   };
   for (const ReplaceCase& c : cases) {
     CString s(c.input);

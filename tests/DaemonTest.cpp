@@ -16,13 +16,6 @@
 namespace fs = std::filesystem;
 
 namespace {
-std::string Replace(std::string text, const std::string& from, const std::string& to) {
-  for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
-    text.replace(at, from.size(), to);
-  }
-  return text;
-}
-
 std::string Unhex(const std::string& hex) {
   std::string bytes;
   for (size_t i = 0; i + 1 < hex.size(); i += 2) {
@@ -75,7 +68,7 @@ void DaemonTest::Touch(const std::string& name) {
 void DaemonTest::Start(std::vector<std::string> args, std::string directory) {
   std::vector<std::string> words = {MORVANED_PATH};
   for (const std::string& arg : args) {
-    words.push_back(Replace(Replace(arg, "{base}", base), "{pidfile}", pidFile));
+    words.push_back(Expand(arg));
   }
   std::vector<char*> argv;
   for (std::string& word : words) argv.push_back(word.data());
@@ -83,7 +76,8 @@ void DaemonTest::Start(std::vector<std::string> args, std::string directory) {
   if (directory.empty()) directory = base;
   setenv("MORVANED_TEST_CLOCK", m_clock.c_str(), 1);
   setenv("LD_PRELOAD", FAKE_CLOCK_PATH, 1);
-  int out = open(stdoutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  int out =
+      open(stdoutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   daemon = fork();
   if (daemon == 0) {
     dup2(out, STDOUT_FILENO);
@@ -104,7 +98,8 @@ int DaemonTest::WaitExit() {
   EXPECT_TRUE(WIFEXITED(status)) << "status " << status;
   exitStatus = WEXITSTATUS(status);
   // Every exit logs the stop line last; once it is read, the log is complete.
-  EXPECT_TRUE(WaitForText("Stopping daemon [" + std::to_string(daemon) + "]...\n"));
+  EXPECT_TRUE(
+      WaitForText("Stopping daemon [" + std::to_string(daemon) + "]...\n"));
   return exitStatus;
 }
 
@@ -164,14 +159,16 @@ Child DaemonTest::WaitForChild(const char* program, const std::string& instance,
   WaitFor([&] {
     size_t seen = 0;
     for (const Child& child : Children()) {
-      if (child.program == program && child.instance == instance && seen++ == index) {
+      if (child.program == program && child.instance == instance &&
+          seen++ == index) {
         found = child;
         return true;
       }
     }
     return false;
   });
-  EXPECT_GT(found.pid, 0) << program << " " << instance << " #" << index << " did not start";
+  EXPECT_GT(found.pid, 0) << program << " " << instance << " #" << index
+                          << " did not start";
   return found;
 }
 
@@ -180,11 +177,25 @@ void DaemonTest::Tell(pid_t child, const std::string& command) {
   kill(child, SIGUSR1);
 }
 
+std::string DaemonTest::Expand(std::string text) const {
+  for (const auto& [key, value] :
+       {std::pair<std::string, std::string>{"{base}", base},
+        {"{pidfile}", pidFile},
+        {"{argv0}", MORVANED_PATH}}) {
+    for (size_t at = text.find(key); at != std::string::npos;
+         at = text.find(key, at)) {
+      text.replace(at, key.size(), value);
+    }
+  }
+  return text;
+}
+
 bool DaemonTest::Alive(pid_t pid) {
   // A zombie has ended: only its parent's wait is missing.
   std::string stat = Read("/proc/" + std::to_string(pid) + "/stat");
   size_t end = stat.rfind(')');
-  return end != std::string::npos && end + 2 < stat.size() && stat[end + 2] != 'Z';
+  return end != std::string::npos && end + 2 < stat.size() &&
+         stat[end + 2] != 'Z';
 }
 
 std::string DaemonTest::Read(const std::string& path) {

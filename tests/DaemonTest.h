@@ -39,8 +39,8 @@ class DaemonTest : public ::testing::Test {
   // Puts the fake child in the base directory under the program's name.
   void Install(const char* program, mode_t mode = 0755);
   void Touch(const std::string& name);
-  // Starts morvaned in `directory` (default: the base directory). "{base}"
-  // and "{pidfile}" in the arguments are replaced by their paths.
+  // Starts morvaned in `directory` (default: the base directory), with the
+  // arguments expanded.
   void Start(std::vector<std::string> args = {"--pidfile={pidfile}"},
              std::string directory = "");
   // The daemon's exit status as its parent sees it; fails after 5 s.
@@ -55,10 +55,14 @@ class DaemonTest : public ::testing::Test {
   bool WaitForText(const std::string& text);
   std::vector<Child> Children() const;
   // Waits for the `index`th start of `program` for `instance`.
-  Child WaitForChild(const char* program, const std::string& instance, size_t index = 0);
+  Child WaitForChild(const char* program, const std::string& instance,
+                     size_t index = 0);
   // Makes a fake child carry out "exit N" or "signal N".
   void Tell(pid_t child, const std::string& command);
   static bool Alive(pid_t pid);
+  static std::string Pid(pid_t pid) { return std::to_string(pid); }
+  // Replaces "{base}", "{pidfile}" and "{argv0}" by their values.
+  std::string Expand(std::string text) const;
   static std::string Read(const std::string& path);
 
   void SetClock(time_t seconds);

@@ -3,18 +3,18 @@
 
 #include <algorithm>
 #include <chrono>
-#include <set>
-#include <thread>
 #include <filesystem>
 #include <fstream>
+#include <set>
+#include <thread>
 
 #include "tests/DaemonTest.h"
 
 namespace {
-std::string Pid(pid_t pid) { return std::to_string(pid); }
-
-std::vector<std::string> After(const std::vector<std::string>& texts, size_t from) {
-  return std::vector<std::string>(texts.begin() + std::min(from, texts.size()), texts.end());
+std::vector<std::string> After(const std::vector<std::string>& texts,
+                               size_t from) {
+  return std::vector<std::string>(texts.begin() + std::min(from, texts.size()),
+                                  texts.end());
 }
 
 TEST_F(DaemonTest, SigTermKillsServersThenListenersInPidOrderAndEnds) {
@@ -23,9 +23,11 @@ TEST_F(DaemonTest, SigTermKillsServersThenListenersInPidOrderAndEnds) {
   Touch("one.INI");
   Touch("two.INI");
   Start();
-  ASSERT_TRUE(WaitFor([&] { return Children().size() == 4 && LogTexts().size() == 5; }));
+  ASSERT_TRUE(WaitFor(
+      [&] { return Children().size() == 4 && LogTexts().size() == 5; }));
   std::vector<Child> servers, listeners;
-  for (const Child& c : Children()) (c.program == "Morvane.exe" ? servers : listeners).push_back(c);
+  for (const Child& c : Children())
+    (c.program == "Morvane.exe" ? servers : listeners).push_back(c);
   auto byPid = [](const Child& a, const Child& b) { return a.pid < b.pid; };
   std::sort(servers.begin(), servers.end(), byPid);
   std::sort(listeners.begin(), listeners.end(), byPid);
@@ -34,23 +36,28 @@ TEST_F(DaemonTest, SigTermKillsServersThenListenersInPidOrderAndEnds) {
   EXPECT_EQ(WaitExit(), 0);
   std::vector<std::string> expected;
   for (const Child& c : servers) {
-    expected.push_back("Stopping Server " + c.instance + ":" + Pid(c.pid) + "...\n");
+    expected.push_back("Stopping Server " + c.instance + ":" + Pid(c.pid) +
+                       "...\n");
   }
   for (const Child& c : listeners) {
-    expected.push_back("Stopping HL-7 Listener " + c.instance + ":" + Pid(c.pid) + "...\n");
+    expected.push_back("Stopping HL-7 Listener " + c.instance + ":" +
+                       Pid(c.pid) + "...\n");
   }
   std::vector<std::string> tail = After(LogTexts(), 5);
   ASSERT_EQ(tail.size(), 6u);
   EXPECT_EQ(std::vector<std::string>(tail.begin(), tail.begin() + 4), expected);
   // One killed child is reaped and not replaced; then the daemon stops.
-  EXPECT_NE(tail[4].find(" killed by signal [9]\n"), std::string::npos) << tail[4];
+  EXPECT_NE(tail[4].find(" killed by signal [9]\n"), std::string::npos)
+      << tail[4];
   EXPECT_EQ(tail[5], "Stopping daemon [" + Pid(daemon) + "]...\n");
   EXPECT_FALSE(std::filesystem::exists(pidFile));
-  for (const Child& c : Children()) EXPECT_TRUE(WaitFor([&] { return !Alive(c.pid); }));
+  for (const Child& c : Children())
+    EXPECT_TRUE(WaitFor([&] { return !Alive(c.pid); }));
   EXPECT_EQ(Children().size(), 4u);
 }
 
-TEST_F(DaemonTest, SigTermCutsTheBrakeShortAndTheDecidedReplacementOutlivesTheDaemon) {
+TEST_F(DaemonTest,
+       SigTermCutsTheBrakeShortAndTheDecidedReplacementOutlivesTheDaemon) {
   Install("Morvane.exe");
   Touch("one.INI");
   Touch("two.INI");
@@ -77,8 +84,9 @@ TEST_F(DaemonTest, SigTermCutsTheBrakeShortAndTheDecidedReplacementOutlivesTheDa
 }
 
 long CpuTicks(pid_t pid) {
-  std::ifstream in("/proc/" + Pid(pid) + "/stat");
-  std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string stat((std::istreambuf_iterator<char>(in)),
+                   std::istreambuf_iterator<char>());
   std::istringstream fields(stat.substr(stat.rfind(')') + 2));
   std::string skip;
   for (int i = 0; i < 11; ++i) fields >> skip;  // state .. cmajflt
@@ -88,10 +96,11 @@ long CpuTicks(pid_t pid) {
 }
 
 bool SigTermPending(pid_t pid) {
-  std::ifstream in("/proc/" + Pid(pid) + "/status");
+  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
   for (std::string line; std::getline(in, line);) {
     if (line.rfind("SigPnd:", 0) == 0 || line.rfind("ShdPnd:", 0) == 0) {
-      if ((std::stoull(line.substr(8), nullptr, 16) >> (SIGTERM - 1)) & 1) return true;
+      if ((std::stoull(line.substr(8), nullptr, 16) >> (SIGTERM - 1)) & 1)
+        return true;
     }
   }
   return false;
@@ -100,18 +109,21 @@ bool SigTermPending(pid_t pid) {
 TEST_F(DaemonTest, SigTermWithoutInstancesLeavesTheDaemonSpinning) {
   Install("Morvane.exe");
   Start();
-  ASSERT_TRUE(WaitFor([&] { return std::filesystem::exists(pidFile); }));  // handler in place
+  ASSERT_TRUE(WaitFor(
+      [&] { return std::filesystem::exists(pidFile); }));  // handler in place
   Signal(SIGTERM);
   ASSERT_TRUE(WaitFor([&] { return !SigTermPending(daemon); }));
   long ticks = CpuTicks(daemon);
-  EXPECT_TRUE(WaitFor([&] { return CpuTicks(daemon) > ticks + 5; })) << "not spinning";
+  EXPECT_TRUE(WaitFor([&] { return CpuTicks(daemon) > ticks + 5; }))
+      << "not spinning";
   EXPECT_TRUE(Alive(daemon));
   EXPECT_EQ(LogTexts().size(), 1u);
   EXPECT_TRUE(std::filesystem::exists(pidFile));
   // The fixture ends it with SIGKILL, by pid.
 }
 
-class SigTermInStartUpTest : public DaemonTest, public ::testing::WithParamInterface<int> {};
+class SigTermInStartUpTest : public DaemonTest,
+                             public ::testing::WithParamInterface<int> {};
 
 // SIGTERM may land while the start-up pass is inside syslog, malloc or a
 // table update; the daemon must neither hang nor crash, and must end as
@@ -125,31 +137,37 @@ TEST_P(SigTermInStartUpTest, EndsCleanlyWhateverTheInstant) {
   // The first listener's start line comes after the first server entered its
   // table: from there on, the signal always has something to kill.
   ASSERT_TRUE(WaitFor([&] { return LogTexts().size() >= 3; }));
-  std::this_thread::sleep_for(std::chrono::milliseconds(GetParam()));  // the instant, not a wait
+  std::this_thread::sleep_for(
+      std::chrono::milliseconds(GetParam()));  // the instant, not a wait
   Signal(SIGTERM);
   ASSERT_EQ(WaitExit(), 0);
   EXPECT_FALSE(std::filesystem::exists(pidFile));
 
   std::vector<std::string> texts = LogTexts();
-  auto firstStop = std::find_if(texts.begin(), texts.end(), [](const std::string& t) {
-    return t.rfind("Stopping Server", 0) == 0 || t.rfind("Stopping HL-7", 0) == 0;
-  });
+  auto firstStop =
+      std::find_if(texts.begin(), texts.end(), [](const std::string& t) {
+        return t.rfind("Stopping Server", 0) == 0 ||
+               t.rfind("Stopping HL-7", 0) == 0;
+      });
   ASSERT_NE(firstStop, texts.end());
   ASSERT_GE(texts.size(), 2u);
-  EXPECT_NE(texts[texts.size() - 2].find(" killed by signal [9]\n"), std::string::npos);
+  EXPECT_NE(texts[texts.size() - 2].find(" killed by signal [9]\n"),
+            std::string::npos);
   std::set<std::string> stopped;
   for (auto it = firstStop; it != texts.end(); ++it) {
     if (it->rfind("Stopping ", 0) == 0) stopped.insert(it->substr(9));
   }
   // A start line is logged before its child enters the table, so the child
   // logged last before the signal may or may not be listed.
-  auto lastBefore = std::find_if(std::make_reverse_iterator(firstStop), texts.rend(),
-                                 [](const std::string& t) { return t.rfind("Starting ", 0) == 0; });
+  auto lastBefore = std::find_if(
+      std::make_reverse_iterator(firstStop), texts.rend(),
+      [](const std::string& t) { return t.rfind("Starting ", 0) == 0; });
   for (auto it = texts.begin() + 1; it != texts.end(); ++it) {
     if (it->rfind("Starting ", 0) != 0) continue;
     std::string child = it->substr(9);
     pid_t pid = std::stoi(child.substr(child.find(':') + 1));
-    bool listed = it < firstStop && (it + 1 != lastBefore.base() || stopped.count(child) == 1);
+    bool listed = it < firstStop &&
+                  (it + 1 != lastBefore.base() || stopped.count(child) == 1);
     if (listed) {
       EXPECT_EQ(stopped.count(child), 1u) << "not stopped: " << child;
       EXPECT_TRUE(WaitFor([&] { return !Alive(pid); })) << child;

@@ -3,15 +3,12 @@
 #include <signal.h>
 
 #include <algorithm>
-
 #include <filesystem>
 #include <map>
 
 #include "tests/DaemonTest.h"
 
 namespace {
-std::string Pid(pid_t pid) { return std::to_string(pid); }
-
 struct FailedStart {
   const char* name;
   std::vector<std::string> args;
@@ -26,16 +23,7 @@ struct FailedStart {
 void PrintTo(const FailedStart& c, std::ostream* out) { *out << c.name; }
 
 class FailedStartTest : public DaemonTest,
-                        public ::testing::WithParamInterface<FailedStart> {
- protected:
-  std::string Expand(std::string text) const {
-    for (auto [key, value] : {std::pair<std::string, std::string>{"{argv0}", MORVANED_PATH},
-                              {"{pidfile}", pidFile}}) {
-      if (size_t at = text.find(key); at != std::string::npos) text.replace(at, key.size(), value);
-    }
-    return text;
-  }
-};
+                        public ::testing::WithParamInterface<FailedStart> {};
 
 TEST_P(FailedStartTest, LogsOneLineBetweenStartAndStopAndExits) {
   const FailedStart& c = GetParam();
@@ -60,26 +48,65 @@ TEST_P(FailedStartTest, LogsOneLineBetweenStartAndStopAndExits) {
 }
 
 const std::string kUsage = "Usage: {argv0} --pidfile=FILE\n";
-const std::string kNoServer = "Morvane.exe does not exist or not an executable file\n";
+const std::string kNoServer =
+    "Morvane.exe does not exist or not an executable file\n";
 
 INSTANTIATE_TEST_SUITE_P(
     ExitStatus, FailedStartTest,
     ::testing::Values(
-        FailedStart{"NoArguments", {}, 0755, 1, DaemonTest::kDebug, kUsage, false, ""},
-        FailedStart{"EmptyPidFile", {"--pidfile="}, 0755, 1, DaemonTest::kDebug, kUsage, false, ""},
+        FailedStart{
+            "NoArguments", {}, 0755, 1, DaemonTest::kDebug, kUsage, false, ""},
+        FailedStart{"EmptyPidFile",
+                    {"--pidfile="},
+                    0755,
+                    1,
+                    DaemonTest::kDebug,
+                    kUsage,
+                    false,
+                    ""},
         FailedStart{"BaseDirSwallowsPidFile",
-                    {"--basedir={base}", "--pidfile={pidfile}"}, 0755, 1,
-                    DaemonTest::kDebug, kUsage, true,
+                    {"--basedir={base}", "--pidfile={pidfile}"},
+                    0755,
+                    1,
+                    DaemonTest::kDebug,
+                    kUsage,
+                    true,
                     "non-option ARGV elements: --pidfile={pidfile} \n"},
-        FailedStart{"ServerMissing", {"--pidfile={pidfile}"}, 0, 255, DaemonTest::kErr,
-                    kNoServer, false, ""},
-        FailedStart{"ServerNotExecutable", {"--pidfile={pidfile}"}, 0644, 255,
-                    DaemonTest::kErr, kNoServer, false, ""},
-        FailedStart{"ServerCheckedBeforeUsage", {}, 0, 255, DaemonTest::kErr, kNoServer,
-                    false, ""},
-        FailedStart{"PidFileDirectoryMissing", {"--pidfile={pidfile}/x.pid"}, 0755, 253,
-                    DaemonTest::kErr, "Cannot open PIDFILE: {pidfile}/x.pid\n", false, ""}),
-    [](const ::testing::TestParamInfo<FailedStart>& info) { return info.param.name; });
+        FailedStart{"ServerMissing",
+                    {"--pidfile={pidfile}"},
+                    0,
+                    255,
+                    DaemonTest::kErr,
+                    kNoServer,
+                    false,
+                    ""},
+        FailedStart{"ServerNotExecutable",
+                    {"--pidfile={pidfile}"},
+                    0644,
+                    255,
+                    DaemonTest::kErr,
+                    kNoServer,
+                    false,
+                    ""},
+        FailedStart{"ServerCheckedBeforeUsage",
+                    {},
+                    0,
+                    255,
+                    DaemonTest::kErr,
+                    kNoServer,
+                    false,
+                    ""},
+        FailedStart{"PidFileDirectoryMissing",
+                    {"--pidfile={pidfile}/x.pid"},
+                    0755,
+                    253,
+                    DaemonTest::kErr,
+                    "Cannot open PIDFILE: {pidfile}/x.pid\n",
+                    false,
+                    ""}),
+    [](const ::testing::TestParamInfo<FailedStart>& info) {
+      return info.param.name;
+    });
 
 TEST_F(DaemonTest, RunsWithPidFileEchoesSurplusAndRemovesPidFileOnSigTerm) {
   Install("Morvane.exe");
@@ -96,11 +123,17 @@ TEST_F(DaemonTest, RunsWithPidFileEchoesSurplusAndRemovesPidFileOnSigTerm) {
 TEST_F(DaemonTest, DiscoveryTakesIniNamesOfAnyCaseInListingOrder) {
   Install("Morvane.exe");  // no listener program: servers only
   const std::map<std::string, std::string> instanceOf = {
-      {"alpha.INI", "alpha"}, {"Beta.ini", "Beta"},   {"gamma.Ini", "gamma"},
-      {"a.INI", "a"},         {"a.ini", "a"},         {".ini", ""},
-      {"with space.ini", "with space"},               {"archive.ini", "archive"}};
-  for (const char* name : {"alpha.INI", "Beta.ini", "gamma.Ini", "notes.txt", "x.INI.bak",
-                           "INI", "a.INI", "a.ini", ".ini", "with space.ini"}) {
+      {"alpha.INI", "alpha"},
+      {"Beta.ini", "Beta"},
+      {"gamma.Ini", "gamma"},
+      {"a.INI", "a"},
+      {"a.ini", "a"},
+      {".ini", ""},
+      {"with space.ini", "with space"},
+      {"archive.ini", "archive"}};
+  for (const char* name :
+       {"alpha.INI", "Beta.ini", "gamma.Ini", "notes.txt", "x.INI.bak", "INI",
+        "a.INI", "a.ini", ".ini", "with space.ini"}) {
     Touch(name);
   }
   std::filesystem::create_directory(base + "/archive.ini");
@@ -115,16 +148,19 @@ TEST_F(DaemonTest, DiscoveryTakesIniNamesOfAnyCaseInListingOrder) {
 
   Start();
   ASSERT_TRUE(WaitFor([&] {
-    return Children().size() == expected.size() && LogTexts().size() == 1 + expected.size();
+    return Children().size() == expected.size() &&
+           LogTexts().size() == 1 + expected.size();
   }));
   std::vector<Child> children = Children();
   std::vector<std::string> texts = LogTexts();
   for (size_t i = 0; i < expected.size(); ++i) {
     const std::string& name = expected[i];
     // The log line's pid is the started child's pid.
-    auto child = std::find_if(children.begin(), children.end(), [&](const Child& c) {
-      return texts[1 + i] == "Starting Server " + name + ":" + Pid(c.pid) + "...\n";
-    });
+    auto child =
+        std::find_if(children.begin(), children.end(), [&](const Child& c) {
+          return texts[1 + i] ==
+                 "Starting Server " + name + ":" + Pid(c.pid) + "...\n";
+        });
     ASSERT_NE(child, children.end()) << texts[1 + i];
     EXPECT_EQ(child->instance, name);
     EXPECT_EQ(child->argc, 2);
@@ -141,13 +177,17 @@ TEST_F(DaemonTest, EachInstanceStartsServerThenListener) {
   Start();
   ASSERT_TRUE(WaitFor([&] { return Children().size() == 4; }));
   std::vector<Child> c = Children();
-  // Pids in a fresh pid namespace rise with each fork: pid order is launch order.
-  std::sort(c.begin(), c.end(), [](const Child& a, const Child& b) { return a.pid < b.pid; });
-  std::vector<std::string> expected = {"Starting daemon [" + Pid(daemon) + "]...\n"};
+  // Pids in a fresh pid namespace rise with each fork: pid order is launch
+  // order.
+  std::sort(c.begin(), c.end(),
+            [](const Child& a, const Child& b) { return a.pid < b.pid; });
+  std::vector<std::string> expected = {"Starting daemon [" + Pid(daemon) +
+                                       "]...\n"};
   for (const Child& child : c) {
     bool server = child.program == "Morvane.exe";
-    expected.push_back(std::string(server ? "Starting Server " : "Starting HL-7 Listener ") +
-                       child.instance + ":" + Pid(child.pid) + "...\n");
+    expected.push_back(
+        std::string(server ? "Starting Server " : "Starting HL-7 Listener ") +
+        child.instance + ":" + Pid(child.pid) + "...\n");
     EXPECT_EQ(child.execPath, base + "/" + child.program);
     EXPECT_EQ(child.argc, 2);
   }
@@ -168,7 +208,8 @@ TEST_F(DaemonTest, ListenerThatIsNotExecutableIsNotStarted) {
   WaitForChild("Morvane.exe", "one");
   Signal(SIGTERM);
   EXPECT_EQ(WaitExit(), 0);
-  for (const std::string& text : LogTexts()) EXPECT_EQ(text.find("HL-7"), std::string::npos);
+  for (const std::string& text : LogTexts())
+    EXPECT_EQ(text.find("HL-7"), std::string::npos);
   EXPECT_EQ(Children().size(), 1u);
 }
 
@@ -185,6 +226,7 @@ TEST_F(DaemonTest, BaseDirectoryPathBeyond256BytesStillStartsTheRightPrograms) {
   Child listener = WaitForChild("MorvaneHL7.exe", "deep");
   EXPECT_EQ(server.execPath, "./Morvane.exe");
   EXPECT_EQ(listener.execPath, "./MorvaneHL7.exe");
-  EXPECT_TRUE(WaitForText("Starting HL-7 Listener deep:" + Pid(listener.pid) + "...\n"));
+  EXPECT_TRUE(WaitForText("Starting HL-7 Listener deep:" + Pid(listener.pid) +
+                          "...\n"));
 }
 }  // namespace

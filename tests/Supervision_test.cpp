@@ -6,8 +6,6 @@
 #include "tests/DaemonTest.h"
 
 namespace {
-std::string Pid(pid_t pid) { return std::to_string(pid); }
-
 struct Death {
   const char* name;
   const char* program;  // the child that goes
@@ -17,7 +15,8 @@ struct Death {
 
 void PrintTo(const Death& d, std::ostream* out) { *out << d.name; }
 
-class DeathTest : public DaemonTest, public ::testing::WithParamInterface<Death> {};
+class DeathTest : public DaemonTest,
+                  public ::testing::WithParamInterface<Death> {};
 
 TEST_P(DeathTest, IsLoggedDecodedAndReplacedAloneAtOnce) {
   const Death& d = GetParam();
@@ -34,8 +33,10 @@ TEST_P(DeathTest, IsLoggedDecodedAndReplacedAloneAtOnce) {
 
   Tell(gone.pid, d.command);
   Child replacement = WaitForChild(d.program, "alpha", 1);
-  std::string exitLine = label + " alpha:" + Pid(gone.pid) + " " + d.description + "\n";
-  std::string startLine = "Starting " + label + " alpha:" + Pid(replacement.pid) + "...\n";
+  std::string exitLine =
+      label + " alpha:" + Pid(gone.pid) + " " + d.description + "\n";
+  std::string startLine =
+      "Starting " + label + " alpha:" + Pid(replacement.pid) + "...\n";
   ASSERT_TRUE(WaitForText(startLine));
   std::vector<LogLine> log = Log();
   ASSERT_EQ(log.size(), 5u);
@@ -53,12 +54,19 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         Death{"ServerExit3", "Morvane.exe", "exit 3", "exited with status [3]"},
         Death{"ServerExit0", "Morvane.exe", "exit 0", "exited with status [0]"},
-        Death{"ListenerExit255", "MorvaneHL7.exe", "exit 255", "exited with status [255]"},
-        Death{"ListenerKill", "MorvaneHL7.exe", "signal 9", "killed by signal [9]"},
-        Death{"ServerSegv", "Morvane.exe", "signal 11", "killed by signal [11]"},
-        Death{"ServerStop", "Morvane.exe", "signal 19", "stopped by signal [19]"},
-        Death{"ListenerStop", "MorvaneHL7.exe", "signal 19", "stopped by signal [19]"}),
-    [](const ::testing::TestParamInfo<Death>& info) { return info.param.name; });
+        Death{"ListenerExit255", "MorvaneHL7.exe", "exit 255",
+              "exited with status [255]"},
+        Death{"ListenerKill", "MorvaneHL7.exe", "signal 9",
+              "killed by signal [9]"},
+        Death{"ServerSegv", "Morvane.exe", "signal 11",
+              "killed by signal [11]"},
+        Death{"ServerStop", "Morvane.exe", "signal 19",
+              "stopped by signal [19]"},
+        Death{"ListenerStop", "MorvaneHL7.exe", "signal 19",
+              "stopped by signal [19]"}),
+    [](const ::testing::TestParamInfo<Death>& info) {
+      return info.param.name;
+    });
 
 TEST_F(DaemonTest, StoppedChildLingersAndLaterEndsAsUnknown) {
   Install("Morvane.exe");
@@ -95,7 +103,8 @@ TEST_F(DaemonTest, ServerProgramRemovedLeavesASpinningSupervisorCopy) {
   ASSERT_EQ(start.rfind("Starting Server alpha:", 0), 0u) << start;
   pid_t copy = std::stoi(start.substr(start.find(':') + 1));
   EXPECT_TRUE(Alive(copy));
-  EXPECT_EQ(std::filesystem::read_symlink("/proc/" + Pid(copy) + "/exe"), MORVANED_PATH);
+  EXPECT_EQ(std::filesystem::read_symlink("/proc/" + Pid(copy) + "/exe"),
+            MORVANED_PATH);
   Signal(SIGTERM);
   EXPECT_EQ(WaitExit(), 0);
   EXPECT_TRUE(WaitFor([&] { return !Alive(copy); }));
@@ -110,7 +119,8 @@ struct Brake {
 
 void PrintTo(const Brake& b, std::ostream* out) { *out << b.name; }
 
-class BrakeTest : public DaemonTest, public ::testing::WithParamInterface<Brake> {};
+class BrakeTest : public DaemonTest,
+                  public ::testing::WithParamInterface<Brake> {};
 
 TEST_P(BrakeTest, SecondRestartWaits30SecondsWhenItComesTooSoon) {
   const Brake& b = GetParam();
@@ -140,11 +150,14 @@ TEST_P(BrakeTest, SecondRestartWaits30SecondsWhenItComesTooSoon) {
   EXPECT_EQ(Sleeps(), expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Restart, BrakeTest,
-    ::testing::Values(Brake{"NineSecondsLater", 9, true}, Brake{"TenSecondsLater", 10, false},
-                      Brake{"SameSecond", 0, true}, Brake{"ClockSetBack", -3600, true}),
-    [](const ::testing::TestParamInfo<Brake>& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(Restart, BrakeTest,
+                         ::testing::Values(Brake{"NineSecondsLater", 9, true},
+                                           Brake{"TenSecondsLater", 10, false},
+                                           Brake{"SameSecond", 0, true},
+                                           Brake{"ClockSetBack", -3600, true}),
+                         [](const ::testing::TestParamInfo<Brake>& info) {
+                           return info.param.name;
+                         });
 
 TEST_F(DaemonTest, BrakeStampsTheTimeAfterItsSleep) {
   Install("Morvane.exe");

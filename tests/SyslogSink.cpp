@@ -15,8 +15,8 @@ SyslogSink::SyslogSink() {
   address.sun_family = AF_UNIX;
   std::copy(kPath, kPath + sizeof kPath, address.sun_path);
   unlink(kPath);
-  if (m_socket < 0 ||
-      bind(m_socket, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+  if (m_socket < 0 || bind(m_socket, reinterpret_cast<sockaddr*>(&address),
+                           sizeof address) != 0) {
     throw std::runtime_error("cannot bind /dev/log");
   }
   m_reader = std::thread(&SyslogSink::Read, this);

@@ -3,6 +3,7 @@
 // directory): pid, argc, argv[0], argv[1] in hex and the path it was executed
 // by. Then it waits; on SIGUSR1 it carries out the command in cmd.<pid>:
 // "exit N" or "signal N".
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/auxv.h>
 #include <unistd.h>
@@ -10,7 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 
 namespace {
 volatile sig_atomic_t told = 0;
@@ -27,12 +27,14 @@ int main(int argc, char* argv[]) {
   char line[4096];
   int n = snprintf(line, sizeof line, "%d %d %s ", getpid(), argc, argv[0]);
   for (const char* p = argc > 1 ? argv[1] : ""; *p != 0 && n < 4000; ++p) {
-    n += snprintf(line + n, sizeof line - n, "%02x", static_cast<unsigned char>(*p));
+    n += snprintf(line + n, sizeof line - n, "%02x",
+                  static_cast<unsigned char>(*p));
   }
   n += snprintf(line + n, sizeof line - n, " %s\n",
                 reinterpret_cast<const char*>(getauxval(AT_EXECFN)));
   int log = open("children.log", O_WRONLY | O_APPEND | O_CREAT, 0644);
-  if (log < 0 || write(log, line, n) != n) return 99;  // one write: lines never interleave
+  if (log < 0 || write(log, line, n) != n)
+    return 99;  // one write: lines never interleave
   close(log);
 
   for (;;) {
@@ -50,7 +52,8 @@ int main(int argc, char* argv[]) {
       signal(value, SIG_DFL);
       sigprocmask(SIG_SETMASK, &waiting, nullptr);
       raise(value);
-      sigprocmask(SIG_BLOCK, &usr1, nullptr);  // back here after SIGSTOP/SIGCONT
+      sigprocmask(SIG_BLOCK, &usr1,
+                  nullptr);  // back here after SIGSTOP/SIGCONT
     }
   }
 }

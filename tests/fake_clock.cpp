@@ -52,7 +52,8 @@ extern "C" unsigned int sleep(unsigned int seconds) {
   unsigned left = 0;
   for (time_t now = Now(); now < end; now = Now()) {
     timespec step = {0, 2000000};
-    if (pselect(0, nullptr, nullptr, nullptr, &step, &caller) < 0 && errno == EINTR) {
+    if (pselect(0, nullptr, nullptr, nullptr, &step, &caller) < 0 &&
+        errno == EINTR) {
       left = static_cast<unsigned>(end - now);
       break;
     }

@@ -32,8 +32,10 @@ bool MakePrivateDev() {
   char stage[] = "/tmp/morvaned-dev.XXXXXX";
   if (mkdtemp(stage) == nullptr) return false;
   if (mount("tmpfs", stage, "tmpfs", 0, "mode=755") != 0) return false;
-  for (const char* name : {"null", "zero", "urandom", "tty", "console", "pts", "shm"}) {
-    std::string from = std::string("/dev/") + name, to = std::string(stage) + "/" + name;
+  for (const char* name :
+       {"null", "zero", "urandom", "tty", "console", "pts", "shm"}) {
+    std::string from = std::string("/dev/") + name,
+                to = std::string(stage) + "/" + name;
     struct stat st;
     if (stat(from.c_str(), &st) != 0) continue;
     if (S_ISDIR(st.st_mode)) {
@@ -41,7 +43,9 @@ bool MakePrivateDev() {
     } else {
       close(open(to.c_str(), O_CREAT | O_WRONLY, 0644));
     }
-    if (mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) return false;
+    if (mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) !=
+        0)
+      return false;
   }
   bool moved = mount(stage, "/dev", nullptr, MS_MOVE, nullptr) == 0;
   rmdir(stage);
@@ -76,7 +80,8 @@ int main(int argc, char** argv) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
       mount("proc", "/proc", "proc", 0, nullptr) != 0 || !MakePrivateDev()) {
-    fprintf(stderr, "process tests: cannot set up private mounts: %s\n", strerror(errno));
+    fprintf(stderr, "process tests: cannot set up private mounts: %s\n",
+            strerror(errno));
     return 1;
   }
   testing::InitGoogleTest(&argc, argv);
