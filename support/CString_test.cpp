@@ -11,11 +11,8 @@ std::string Bytes(const CString& s) {
   return std::string(s.GetString(), s.GetLength());
 }
 
-TEST(CStringConstruct, FromPointersCountsAndNull) {
-  EXPECT_EQ(Bytes(CString()), "");
+TEST(CStringConstruct, NullAndCounts) {
   EXPECT_EQ(Bytes(CString(static_cast<const char*>(nullptr))), "");
-  EXPECT_EQ(Bytes(CString("abc")), "abc");
-  EXPECT_EQ(Bytes(CString("abcdef", 4)), "abcd");
   EXPECT_EQ(Bytes(CString('x', 3)), "xxx");
   EXPECT_EQ(Bytes(CString('x', 0)), "");
   EXPECT_EQ(Bytes(CString('x', -3)), "");
@@ -25,26 +22,14 @@ TEST(CStringZeroBytes, CopiesStopAtZeroWhileAssignmentKeepsAll) {
   const CString withZero("a\0b", 3);
   ASSERT_EQ(withZero.GetLength(), 3u);
   EXPECT_EQ(Bytes(CString(withZero)), "a");
-  CString assigned;
+  EXPECT_EQ(Bytes(withZero + CString("c")), "ac");
+  EXPECT_EQ(Bytes(CString("c") + withZero), std::string("ca\0b", 4));
+  EXPECT_EQ(Bytes(withZero.Left(3)), "a");
+  CString assigned("old");
   assigned = withZero;
   EXPECT_EQ(Bytes(assigned), std::string("a\0b", 3));
-  CString appended("x");
-  appended += withZero;
-  EXPECT_EQ(Bytes(appended), std::string("xa\0b", 4));
-  EXPECT_EQ(Bytes(withZero + CString("c")), "ac");
-  EXPECT_EQ(Bytes(withZero.Left(3)), "a");
-}
-
-TEST(CStringAssignAppend, CStringsAndBytes) {
-  CString s("old");
-  s = "new";
-  EXPECT_EQ(Bytes(s), "new");
-  s = 'z';
-  EXPECT_EQ(Bytes(s), "z");
-  s += "ip";
-  s += '!';
-  EXPECT_EQ(Bytes(s), "zip!");
-  EXPECT_EQ(Bytes(CString("ab") + CString("cd")), "abcd");
+  assigned += 'z';
+  EXPECT_EQ(Bytes(assigned), std::string("a\0bz", 4));
 }
 
 TEST(CStringCompare, BytesUnsignedAndPrefixFirst) {

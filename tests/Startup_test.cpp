@@ -200,19 +200,6 @@ TEST_F(DaemonTest, EachInstanceStartsServerThenListener) {
   for (const LogLine& line : Log()) EXPECT_EQ(line.priority, kNotice);
 }
 
-TEST_F(DaemonTest, ListenerThatIsNotExecutableIsNotStarted) {
-  Install("Morvane.exe");
-  Install("MorvaneHL7.exe", 0644);
-  Touch("one.INI");
-  Start();
-  WaitForChild("Morvane.exe", "one");
-  Signal(SIGTERM);
-  EXPECT_EQ(WaitExit(), 0);
-  for (const std::string& text : LogTexts())
-    EXPECT_EQ(text.find("HL-7"), std::string::npos);
-  EXPECT_EQ(Children().size(), 1u);
-}
-
 TEST_F(DaemonTest, BaseDirectoryPathBeyond256BytesStillStartsTheRightPrograms) {
   std::string deep = base;
   while (deep.size() <= 300) deep += "/a-rather-long-directory-name";
