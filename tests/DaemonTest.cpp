@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -104,6 +105,13 @@ int DaemonTest::WaitExit() {
 }
 
 void DaemonTest::Signal(int signal) { kill(daemon, signal); }
+
+void DaemonTest::WaitUntilWaiting() {
+  std::string wait4 = std::to_string(SYS_wait4) + " ";
+  ASSERT_TRUE(WaitFor([&] {
+    return Read("/proc/" + Pid(daemon) + "/syscall").rfind(wait4, 0) == 0;
+  }));
+}
 
 bool DaemonTest::WaitFor(const std::function<bool()>& done) {
   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);

@@ -45,6 +45,9 @@ class DaemonTest : public ::testing::Test {
              std::string directory = "");
   // The daemon's exit status as its parent sees it; fails after 5 s.
   int WaitExit();
+  // Waits until the daemon blocks waiting for children: every launch so far
+  // is complete and its child listed, so a SIGTERM now reaches them all.
+  void WaitUntilWaiting();
   void Signal(int signal);
 
   // Polls `done` until it holds or 5 seconds have passed.

@@ -32,6 +32,7 @@ TEST_F(DaemonTest, SigTermKillsServersThenListenersInPidOrderAndEnds) {
   std::sort(servers.begin(), servers.end(), byPid);
   std::sort(listeners.begin(), listeners.end(), byPid);
 
+  WaitUntilWaiting();
   Signal(SIGTERM);
   EXPECT_EQ(WaitExit(), 0);
   std::vector<std::string> expected;

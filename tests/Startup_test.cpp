@@ -115,6 +115,7 @@ TEST_F(DaemonTest, RunsWithPidFileEchoesSurplusAndRemovesPidFileOnSigTerm) {
   WaitForChild("Morvane.exe", "alpha");
   EXPECT_EQ(Read(pidFile), Pid(daemon) + "\n");
   EXPECT_EQ(Read(stdoutPath), "non-option ARGV elements: extra \n");
+  WaitUntilWaiting();
   Signal(SIGTERM);
   EXPECT_EQ(WaitExit(), 0);
   EXPECT_FALSE(std::filesystem::exists(pidFile));

@@ -105,6 +105,7 @@ TEST_F(DaemonTest, ServerProgramRemovedLeavesASpinningSupervisorCopy) {
   EXPECT_TRUE(Alive(copy));
   EXPECT_EQ(std::filesystem::read_symlink("/proc/" + Pid(copy) + "/exe"),
             MORVANED_PATH);
+  WaitUntilWaiting();
   Signal(SIGTERM);
   EXPECT_EQ(WaitExit(), 0);
   EXPECT_TRUE(WaitFor([&] { return !Alive(copy); }));
