@@ -5,7 +5,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <regex>
 #include <stdexcept>
 
 SyslogSink::SyslogSink() {
@@ -35,18 +34,24 @@ std::vector<LogLine> SyslogSink::Lines() const {
 }
 
 void SyslogSink::Read() {
-  // "<PRI>Mmm dd hh:mm:ss IDENT[PID]: TEXT"
-  static const std::regex kFormat(
-      R"(^<(\d+)>[A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d ([^\[]*)\[(\d+)\]: ([\s\S]*)$)");
   char buffer[8192];
   for (;;) {
     ssize_t n = recv(m_socket, buffer, sizeof buffer, 0);
     if (n <= 0) return;
     std::string message(buffer, n);
-    std::smatch m;
     LogLine line = {-1, "", -1, message};  // kept whole if it does not parse
-    if (std::regex_match(message, m, kFormat)) {
-      line = {std::stoi(m[1]), m[2], static_cast<pid_t>(std::stoi(m[3])), m[4]};
+    // "<PRI>Mmm dd hh:mm:ss IDENT[PID]: TEXT"
+    const size_t kStamp = sizeof "Mmm dd hh:mm:ss";
+    size_t close = message.find('>');
+    size_t open = message.find('[', close);
+    size_t end = message.find("]: ", open);
+    if (message[0] == '<' && end != std::string::npos &&
+        open > close + kStamp) {
+      line = {std::stoi(message.substr(1, close - 1)),
+              message.substr(close + 1 + kStamp, open - close - 1 - kStamp),
+              static_cast<pid_t>(
+                  std::stoi(message.substr(open + 1, end - open - 1))),
+              message.substr(end + 3)};
     }
     std::lock_guard<std::mutex> lock(m_mutex);
     m_lines.push_back(line);
