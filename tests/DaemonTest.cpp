@@ -76,7 +76,7 @@ void DaemonTest::Start(std::vector<std::string> args, std::string directory) {
   argv.push_back(nullptr);
   if (directory.empty()) directory = base;
   setenv("MORVANED_TEST_CLOCK", m_clock.c_str(), 1);
-  setenv("LD_PRELOAD", FAKE_CLOCK_PATH, 1);
+  setenv("LD_PRELOAD", PRELOAD_PATH, 1);
   int out =
       open(stdoutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   daemon = fork();
