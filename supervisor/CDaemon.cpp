@@ -30,12 +30,20 @@ const unsigned kInstanceExtensionLength = 4;
 const time_t kBrakeWindowSeconds = 9;
 const unsigned kBrakeSleepSeconds = 30;
 const size_t kWorkingDirectoryBufferSize = 256;
+// The wait status by its bits: the low seven hold the signal that killed the
+// child, all set for a stopped child; the byte above holds the exit status or
+// the stop signal.
+const int kStatusSignalBits = 0x7f;
+const int kStatusCodeShift = 8;
 
 // The mask the process was started with, and the mask of the main flow.
 sigset_t s_startMask;
 sigset_t s_sigTerm;
 
+// The daemon has one thread, so the process's mask is the main flow's mask.
+// NOLINTNEXTLINE(concurrency-mt-unsafe): one thread
 void AllowSigTerm() { sigprocmask(SIG_SETMASK, &s_startMask, nullptr); }
+// NOLINTNEXTLINE(concurrency-mt-unsafe): one thread
 void HoldSigTerm() { sigprocmask(SIG_BLOCK, &s_sigTerm, nullptr); }
 
 // A SIGTERM that came in while it was held runs its handler here.
@@ -69,6 +77,7 @@ void RestartBrake() {
   if (time(nullptr) - g_lastRestart <= kBrakeWindowSeconds) {
     // SIGTERM cuts the sleep short; the replacement is started all the same.
     AllowSigTerm();
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): one thread
     sleep(kBrakeSleepSeconds);
     HoldSigTerm();
   }
@@ -83,6 +92,8 @@ CDaemon::CDaemon() {
   // An unreadable base directory is not reported: the daemon has no instances.
   DIR* directory = opendir("./");
   if (directory != nullptr) {
+    // cppcheck-suppress readdirCalled ; one thread; readdir_r is deprecated
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): one thread reads this stream
     while (const dirent* entry = readdir(directory)) {
       if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) {
         continue;
@@ -95,7 +106,7 @@ CDaemon::CDaemon() {
           fileName.Left(fileName.GetLength() - kInstanceExtensionLength);
       CString extension = fileName.Right(kInstanceExtensionLength);
       if (strcasecmp(extension.GetString(), kInstanceExtension) == 0) {
-        m_instances.push_back(base.GetString());
+        m_instances.emplace_back(base.GetString());
       }
     }
     closedir(directory);
@@ -113,6 +124,7 @@ CDaemon::~CDaemon() {
   if (g_daemon == this && sigaction(SIGTERM, nullptr, &current) == 0 &&
       current.sa_handler == OnSigTerm) {
     TakePendingSigTerm();
+    // NOLINTNEXTLINE(cert-err33-c): cannot fail for SIGTERM
     signal(SIGTERM, SIG_IGN);
   }
   syslog(LOG_DAEMON | LOG_NOTICE, "Stopping daemon [%d]...\n", getpid());
@@ -128,6 +140,7 @@ CDaemon* CDaemon::Instance() {
 void CDaemon::DeferSigTerm() {
   sigemptyset(&s_sigTerm);
   sigaddset(&s_sigTerm, SIGTERM);
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): one thread
   sigprocmask(SIG_BLOCK, &s_sigTerm, &s_startMask);
 }
 
@@ -187,16 +200,16 @@ bool CDaemon::Run() {
 
     const char* text;
     int code;
-    if ((status & 0x7f) == 0) {
+    if ((status & kStatusSignalBits) == 0) {
       text = "exited with status";
-      code = status >> 8;
-    } else if ((status & 0x7f) == 0x7f) {
+      code = status >> kStatusCodeShift;
+    } else if ((status & kStatusSignalBits) == kStatusSignalBits) {
       // A stopped child counts as gone: it is replaced and forgotten.
       text = "stopped by signal";
-      code = status >> 8;
+      code = status >> kStatusCodeShift;
     } else {
       text = "killed by signal";
-      code = status & 0x7f;
+      code = status & kStatusSignalBits;
     }
 
     g_processLock.Lock();
@@ -254,7 +267,7 @@ void CDaemon::StopAll() {
   g_processLock.Unlock();
 }
 
-void OnSigTerm(int) {
+void OnSigTerm(int /*signalNumber*/) {
   int savedErrno = errno;  // the interrupted code may be about to read it
   CDaemon* daemon = CDaemon::Instance();
   if (daemon != nullptr) daemon->StopAll();

@@ -56,7 +56,7 @@ class CDaemon {
 };
 
 // The SIGTERM handler.
-void OnSigTerm(int);
+void OnSigTerm(int signalNumber);
 
 // The object the SIGTERM handler works on; set once, never cleared.
 extern CDaemon* g_daemon;

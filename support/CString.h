@@ -14,6 +14,7 @@ class CString {
  public:
   CString();
   // Implicit on purpose: a C string is used wherever a CString is.
+  // cppcheck-suppress noExplicitConstructor ; implicit on purpose, see above
   CString(const char* s);  // NOLINT(google-explicit-constructor)
   CString(const char* s, unsigned n);
   CString(char c, int count);

@@ -3,7 +3,7 @@
 
 FastMutex g_processLock;
 
-FastMutex::FastMutex() {
+FastMutex::FastMutex() noexcept {
   // The attribute object is a local that is not destroyed: on the systems
   // the daemon runs on it holds no resources.
   pthread_mutexattr_t attributes;

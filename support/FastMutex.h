@@ -9,7 +9,8 @@
 
 class FastMutex {
  public:
-  FastMutex();
+  // noexcept: only pthread calls, so g_processLock cannot throw at start-up.
+  FastMutex() noexcept;
   virtual ~FastMutex();
   FastMutex(const FastMutex&) = delete;
   FastMutex& operator=(const FastMutex&) = delete;
