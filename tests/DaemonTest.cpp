@@ -82,6 +82,7 @@ void DaemonTest::Start(std::vector<std::string> args, std::string directory) {
   daemon = fork();
   if (daemon == 0) {
     dup2(out, STDOUT_FILENO);
+    if (user != 0 && (setgid(user) != 0 || setuid(user) != 0)) _exit(126);
     if (chdir(directory.c_str()) == 0) execv(argv[0], argv.data());
     _exit(127);
   }
@@ -113,8 +114,9 @@ void DaemonTest::WaitUntilWaiting() {
   }));
 }
 
-bool DaemonTest::WaitFor(const std::function<bool()>& done) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+bool DaemonTest::WaitFor(const std::function<bool()>& done, int seconds) {
+  auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
   while (!done()) {
     if (std::chrono::steady_clock::now() > deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -204,6 +206,12 @@ bool DaemonTest::Alive(pid_t pid) {
   size_t end = stat.rfind(')');
   return end != std::string::npos && end + 2 < stat.size() &&
          stat[end + 2] != 'Z';
+}
+
+long long DaemonTest::CpuTime(pid_t pid) {
+  long long ns = 0;
+  std::ifstream("/proc/" + Pid(pid) + "/schedstat") >> ns;
+  return ns;
 }
 
 std::string DaemonTest::Read(const std::string& path) {

@@ -50,11 +50,13 @@ class DaemonTest : public ::testing::Test {
   void WaitUntilWaiting();
   void Signal(int signal);
 
-  // Polls `done` until it holds or 5 seconds have passed.
-  bool WaitFor(const std::function<bool()>& done);
+  // Polls `done` until it holds or `seconds` have passed.
+  bool WaitFor(const std::function<bool()>& done, int seconds = 5);
   // The daemon's own log lines (identity MORVANE, its pid) so far.
   std::vector<LogLine> Log() const;
   std::vector<std::string> LogTexts() const;
+  // How many lines the log holds, from any process: cheap enough to poll.
+  size_t LogSize() const { return m_syslog.Size(); }
   bool WaitForText(const std::string& text);
   std::vector<Child> Children() const;
   // Waits for the `index`th start of `program` for `instance`.
@@ -63,6 +65,8 @@ class DaemonTest : public ::testing::Test {
   // Makes a fake child carry out "exit N" or "signal N".
   void Tell(pid_t child, const std::string& command);
   static bool Alive(pid_t pid);
+  // Nanoseconds the process has run on a CPU.
+  static long long CpuTime(pid_t pid);
   static std::string Pid(pid_t pid) { return std::to_string(pid); }
   // Replaces "{base}", "{pidfile}" and "{argv0}" by their values.
   std::string Expand(std::string text) const;
@@ -75,6 +79,7 @@ class DaemonTest : public ::testing::Test {
   std::string base;
   std::string pidFile;
   std::string stdoutPath;
+  uid_t user = 0;  // the daemon runs as this user when not 0
   pid_t daemon = -1;
   int exitStatus = -1;
 

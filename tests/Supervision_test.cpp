@@ -88,30 +88,6 @@ TEST_F(DaemonTest, StoppedChildLingersAndLaterEndsAsUnknown) {
   EXPECT_EQ(log[4].priority, kWarning);
 }
 
-TEST_F(DaemonTest, ServerProgramRemovedLeavesASpinningSupervisorCopy) {
-  // The failed exec makes the child a second supervisor without children;
-  // only StopAll's SIGKILL ends it. Safe here: it runs in a private pid
-  // namespace.
-  Install("Morvane.exe");
-  Touch("alpha.INI");
-  Start();
-  Child first = WaitForChild("Morvane.exe", "alpha");
-  std::filesystem::remove(base + "/Morvane.exe");
-  Tell(first.pid, "exit 1");
-  ASSERT_TRUE(WaitFor([&] { return LogTexts().size() == 4; }));
-  std::string start = LogTexts()[3];
-  ASSERT_EQ(start.rfind("Starting Server alpha:", 0), 0u) << start;
-  pid_t copy = std::stoi(start.substr(start.find(':') + 1));
-  EXPECT_TRUE(Alive(copy));
-  EXPECT_EQ(std::filesystem::read_symlink("/proc/" + Pid(copy) + "/exe"),
-            MORVANED_PATH);
-  WaitUntilWaiting();
-  Signal(SIGTERM);
-  EXPECT_EQ(WaitExit(), 0);
-  EXPECT_TRUE(WaitFor([&] { return !Alive(copy); }));
-  EXPECT_EQ(Children().size(), 1u);
-}
-
 struct Brake {
   const char* name;
   time_t secondDeathAfter;  // seconds after the first restart

@@ -2,6 +2,7 @@
 #include "tests/SyslogSink.h"
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@ SyslogSink::SyslogSink() {
                            sizeof address) != 0) {
     throw std::runtime_error("cannot bind /dev/log");
   }
+  chmod(kPath, 0666);  // as a system's syslog socket is: any user may log
   m_reader = std::thread(&SyslogSink::Read, this);
 }
 
@@ -31,6 +33,11 @@ SyslogSink::~SyslogSink() {
 std::vector<LogLine> SyslogSink::Lines() const {
   std::lock_guard<std::mutex> lock(m_mutex);
   return m_lines;
+}
+
+size_t SyslogSink::Size() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_lines.size();
 }
 
 void SyslogSink::Read() {

@@ -23,6 +23,7 @@ class SyslogSink {
   SyslogSink();
   ~SyslogSink();
   std::vector<LogLine> Lines() const;
+  size_t Size() const;
 
  private:
   void Read();
