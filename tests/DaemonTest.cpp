@@ -67,7 +67,7 @@ void DaemonTest::Touch(const std::string& name) {
 }
 
 void DaemonTest::Start(std::vector<std::string> args, std::string directory) {
-  std::vector<std::string> words = {MORVANED_PATH};
+  std::vector<std::string> words = {Binary()};
   for (const std::string& arg : args) {
     words.push_back(Expand(arg));
   }
@@ -191,13 +191,18 @@ std::string DaemonTest::Expand(std::string text) const {
   for (const auto& [key, value] :
        {std::pair<std::string, std::string>{"{base}", base},
         {"{pidfile}", pidFile},
-        {"{argv0}", MORVANED_PATH}}) {
+        {"{argv0}", Binary()}}) {
     for (size_t at = text.find(key); at != std::string::npos;
          at = text.find(key, at)) {
       text.replace(at, key.size(), value);
     }
   }
   return text;
+}
+
+std::string DaemonTest::Binary() {
+  const char* binary = getenv("MORVANED_BINARY");
+  return binary != nullptr ? binary : MORVANED_PATH;
 }
 
 bool DaemonTest::Alive(pid_t pid) {

@@ -68,6 +68,8 @@ class DaemonTest : public ::testing::Test {
   // Nanoseconds the process has run on a CPU.
   static long long CpuTime(pid_t pid);
   static std::string Pid(pid_t pid) { return std::to_string(pid); }
+  // The daemon under test: $MORVANED_BINARY, else the interposable build.
+  static std::string Binary();
   // Replaces "{base}", "{pidfile}" and "{argv0}" by their values.
   std::string Expand(std::string text) const;
   static std::string Read(const std::string& path);

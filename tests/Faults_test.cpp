@@ -61,7 +61,7 @@ TEST_F(DaemonTest, ServerProgramRemovedLeavesASpinningSupervisorCopy) {
   pid_t copy = std::stoi(start.substr(start.find(':') + 1));
   EXPECT_TRUE(Alive(copy));
   EXPECT_EQ(std::filesystem::read_symlink("/proc/" + Pid(copy) + "/exe"),
-            MORVANED_PATH);
+            Binary());
   WaitUntilWaiting();
   Signal(SIGTERM);
   EXPECT_EQ(WaitExit(), 0);

@@ -27,7 +27,8 @@ long OpenDescriptors(pid_t pid) {
   std::string directory = "/proc/" + std::to_string(pid) + "/fd";
   for (const auto& fd : std::filesystem::directory_iterator(directory)) {
     std::error_code error;
-    std::string target = std::filesystem::read_symlink(fd.path(), error).string();
+    std::string target =
+        std::filesystem::read_symlink(fd.path(), error).string();
     if (target.find("/clock") == std::string::npos) ++count;
   }
   return count;
