@@ -145,7 +145,6 @@ void CDaemon::DeferSigTerm() {
 }
 
 void CDaemon::StartServer(const char* name, bool withListener) {
-  TakePendingSigTerm();
   std::string path = ProgramPath(kServerProgram);
   pid_t pid = fork();
   if (pid == 0) {
@@ -154,8 +153,9 @@ void CDaemon::StartServer(const char* name, bool withListener) {
   }
   // A failed fork is logged and recorded under -1 like any other pid.
   syslog(LOG_DAEMON | LOG_NOTICE, "Starting Server %s:%d...\n", name, pid);
-  // A SIGTERM that came during the fork or the log line must not see this
-  // child yet, as if it had been handled at once.
+  // A SIGTERM that came since the last table update, up to this log line,
+  // must not see this child yet, as if it had been handled at once. This is
+  // the one safe point of a launch.
   TakePendingSigTerm();
   g_processLock.Lock();
   m_servers[pid] = name;
@@ -164,7 +164,6 @@ void CDaemon::StartServer(const char* name, bool withListener) {
 }
 
 void CDaemon::StartHL7Listener(const char* name) {
-  TakePendingSigTerm();
   std::string path = ProgramPath(kListenerProgram);
   // Without the listener program the instance simply runs its server alone.
   if (access(path.c_str(), X_OK) != 0) return;

@@ -8,9 +8,9 @@
 // never run while the main flow is inside syslog, malloc or a table update:
 // SIGTERM stays blocked (DeferSigTerm) and is let in only at points where the
 // main flow holds no lock and is inside no library call. There are enough of
-// them (around the wait and the brake's sleep, before each launch and table
-// update, before each test of g_running) that a SIGTERM has the same effect
-// as if it had been handled the moment it arrived.
+// them (around the wait and the brake's sleep, before each table update,
+// before each test of g_running) that a SIGTERM has the same effect as if it
+// had been handled the moment it arrived.
 #ifndef SUPERVISOR_CDAEMON_H_
 #define SUPERVISOR_CDAEMON_H_
 
