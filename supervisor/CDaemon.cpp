@@ -52,24 +52,32 @@ void TakePendingSigTerm() {
   HoldSigTerm();
 }
 
-// The program path is built anew for every launch. A working directory whose
-// path does not fit the buffer is still the base directory, so the program is
-// then reached relative to it: the right program still starts, and no path
-// built from an unfilled buffer is ever executed.
-std::string ProgramPath(const char* program) {
-  char directory[kWorkingDirectoryBufferSize];
-  if (getcwd(directory, sizeof directory) == nullptr) {
-    return std::string("./") + program;
+// Room for the working directory, "/" and the longer program name.
+const size_t kProgramPathBufferSize =
+    kWorkingDirectoryBufferSize + 1 + sizeof kListenerProgram;
+
+// The program path is built anew for every launch, on the stack: a launch
+// writes as few pages as it can, since each is copied again after the next
+// fork. A working directory whose path does not fit its buffer is still the
+// base directory, so the program is then reached relative to it: the right
+// program still starts, and no path built from an unfilled buffer is ever
+// executed.
+void ProgramPath(const char* program, char (&path)[kProgramPathBufferSize]) {
+  if (getcwd(path, kWorkingDirectoryBufferSize) == nullptr) {
+    path[0] = '.';
+    path[1] = '\0';
   }
-  return std::string(directory) + "/" + program;
+  size_t length = strlen(path);
+  path[length] = '/';
+  memcpy(path + length + 1, program, strlen(program) + 1);
 }
 
 // Runs in the child between fork and exec. A failed exec is not reported and
 // the child carries on in its caller's code as a second supervisor; it then
 // holds SIGTERM back just as its parent does.
-void ExecChild(const std::string& path, const char* program, const char* name) {
+void ExecChild(const char* path, const char* program, const char* name) {
   AllowSigTerm();
-  execl(path.c_str(), program, name, static_cast<char*>(nullptr));
+  execl(path, program, name, static_cast<char*>(nullptr));
   HoldSigTerm();
 }
 
@@ -145,7 +153,8 @@ void CDaemon::DeferSigTerm() {
 }
 
 void CDaemon::StartServer(const char* name, bool withListener) {
-  std::string path = ProgramPath(kServerProgram);
+  char path[kProgramPathBufferSize];
+  ProgramPath(kServerProgram, path);
   pid_t pid = fork();
   if (pid == 0) {
     ExecChild(path, kServerProgram, name);
@@ -164,9 +173,10 @@ void CDaemon::StartServer(const char* name, bool withListener) {
 }
 
 void CDaemon::StartHL7Listener(const char* name) {
-  std::string path = ProgramPath(kListenerProgram);
+  char path[kProgramPathBufferSize];
+  ProgramPath(kListenerProgram, path);
   // Without the listener program the instance simply runs its server alone.
-  if (access(path.c_str(), X_OK) != 0) return;
+  if (access(path, X_OK) != 0) return;
   pid_t pid = fork();
   if (pid == 0) {
     ExecChild(path, kListenerProgram, name);
