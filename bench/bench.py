@@ -2,7 +2,7 @@
 """Benchmark of morvaned against the floor and the usual supervisors.
 
 Run by bench/run, as pid 1 of private mount and pid namespaces whose /dev/log
-is a socket this script reads, so that morvaned logs at its true cost. Every
+is a socket read by bench/sink.c, so that morvaned logs at its true cost. Every
 supervisor runs the same static child (bench/child.c), which records when it
 started; each measurement is taken from those records and from /proc:
 
@@ -25,7 +25,6 @@ import statistics
 import subprocess
 import sys
 import tempfile
-import threading
 import time
 
 BUILD, MORVANED = sys.argv[1], sys.argv[2]
@@ -217,15 +216,6 @@ def reap():
             return
 
 
-def syslog_sink(counter):
-    sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-    sock.bind("/dev/log")
-    os.chmod("/dev/log", 0o666)
-    while True:
-        sock.recv(4096)
-        counter[0] += 1
-
-
 def measure(kind, work, results):
     small = Run(kind, 100, work)
     small.start()
@@ -259,14 +249,17 @@ METRICS = [("startup100", "start-up, N=100 (ms)", 1000), ("startup1000", "start-
            ("idle_cpu_ms", "idle CPU over 10 s (ms)", 1), ("idle_switches", "idle context switches over 10 s", 1)]
 
 
+def number(x):
+    return "%.0f" % x if x >= 100 else "%.1f" % x if x >= 10 else "%.3g" % x
+
+
 def cell(values, scale):
-    med = statistics.median(values) * scale
-    return "%.3g [%.3g–%.3g]" % (med, min(values) * scale, max(values) * scale)
+    return "%s [%s–%s]" % (number(statistics.median(values) * scale),
+                           number(min(values) * scale), number(max(values) * scale))
 
 
 def main():
-    counter = [0]
-    threading.Thread(target=syslog_sink, args=(counter,), daemon=True).start()
+    sink = subprocess.Popen([os.path.join(BUILD, "sink")], stdout=subprocess.PIPE, text=True)
     while not os.path.exists("/dev/log"):
         time.sleep(0.01)
     work = tempfile.mkdtemp(prefix="morvaned-bench-")
@@ -299,8 +292,9 @@ def main():
     print()
     for text, ok in targets:
         print("morvaned target: %s: %s" % (text, "met" if ok else "NOT met"))
-    print("\n%d repetitions in %.0f s; morvaned sent %d syslog lines to the bench's socket"
-          % (REPS, time.monotonic() - began, counter[0]))
+    sink.terminate()
+    print("\n%d repetitions in %.0f s; morvaned sent %s syslog lines to the bench's socket"
+          % (REPS, time.monotonic() - began, sink.communicate()[0].strip()))
 
 
 if __name__ == "__main__":
