@@ -106,14 +106,20 @@ def proc(pid, name):
         return ""
 
 
-def parents():
-    table = {}
+def descendants(root):
+    """root and every process below it."""
+    parent = {}
     for entry in os.listdir("/proc"):
         if entry.isdigit():
             stat = proc(int(entry), "stat")
             if stat:
-                table[int(entry)] = int(stat[stat.rindex(")") + 2:].split()[1])
-    return table
+                parent[int(entry)] = int(stat[stat.rindex(")") + 2:].split()[1])
+    found, todo = [], [root]
+    while todo:
+        pid = todo.pop()
+        found.append(pid)
+        todo += [p for p, up in parent.items() if up == pid]
+    return found
 
 
 class Run:
@@ -156,12 +162,7 @@ class Run:
 
     def supervising(self):
         """The supervisor and its descendants, children excluded."""
-        table, found, todo = parents(), [], [self.proc.pid]
-        while todo:
-            pid = todo.pop()
-            found.append(pid)
-            todo += [p for p, parent in table.items() if parent == pid]
-        return [p for p in found
+        return [p for p in descendants(self.proc.pid)
                 if os.path.realpath("/proc/%d/exe" % p) not in (CHILD, self.cwd + "/Morvane.exe")]
 
     def memory_kib(self):
@@ -192,12 +193,7 @@ class Run:
     def stop(self):
         # Everything this run started, by pid; the bench is pid 1 here and
         # reaps the orphans.
-        table, todo, every = parents(), [self.proc.pid], []
-        while todo:
-            pid = todo.pop()
-            every.append(pid)
-            todo += [p for p, parent in table.items() if parent == pid]
-        for pid in every:
+        for pid in descendants(self.proc.pid):
             try:
                 os.kill(pid, signal.SIGKILL)
             except ProcessLookupError:

@@ -22,7 +22,7 @@ files=$(dpkg-query -L morvaned | while read -r f; do [ -d "$f" ] || echo "$f"; d
 mkdir "$work/base"
 ln -s /bin/true "$work/base/Morvane.exe"
 unshare --mount bash -c '
-  mount -t tmpfs tmpfs /dev
+  '"$(dirname "$0")"'/../scripts/private-dev
   socat -u UNIX-RECV:/dev/log OPEN:'"$work"'/log,creat,append & reader=$!
   for _ in $(seq 100); do [ -S /dev/log ] && break; sleep 0.02; done
   (cd '"$work"'/base && /usr/sbin/morvaned; echo $? >'"$work"'/status)

@@ -9,7 +9,6 @@
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,32 +23,6 @@ void WriteFile(const char* path, const std::string& text) {
   int fd = open(path, O_WRONLY);
   if (fd < 0 || write(fd, text.data(), text.size()) < 0) perror(path);
   if (fd >= 0) close(fd);
-}
-
-// A fresh tmpfs over /dev with the usual devices bound back and no /dev/log:
-// each test binds its own socket there.
-bool MakePrivateDev() {
-  char stage[] = "/tmp/morvaned-dev.XXXXXX";
-  if (mkdtemp(stage) == nullptr) return false;
-  if (mount("tmpfs", stage, "tmpfs", 0, "mode=755") != 0) return false;
-  for (const char* name :
-       {"null", "zero", "urandom", "tty", "console", "pts", "shm"}) {
-    std::string from = std::string("/dev/") + name,
-                to = std::string(stage) + "/" + name;
-    struct stat st;
-    if (stat(from.c_str(), &st) != 0) continue;
-    if (S_ISDIR(st.st_mode)) {
-      mkdir(to.c_str(), 0755);
-    } else {
-      close(open(to.c_str(), O_CREAT | O_WRONLY, 0644));
-    }
-    if (mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) !=
-        0)
-      return false;
-  }
-  bool moved = mount(stage, "/dev", nullptr, MS_MOVE, nullptr) == 0;
-  rmdir(stage);
-  return moved;
 }
 }  // namespace
 
@@ -79,7 +52,8 @@ int main(int argc, char** argv) {
   }
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      mount("proc", "/proc", "proc", 0, nullptr) != 0 || !MakePrivateDev()) {
+      mount("proc", "/proc", "proc", 0, nullptr) != 0 ||
+      std::system(PRIVATE_DEV_PATH) != 0) {
     fprintf(stderr, "process tests: cannot set up private mounts: %s\n",
             strerror(errno));
     return 1;
