@@ -124,24 +124,13 @@ CDaemon::CDaemon() {
 }
 
 CDaemon::~CDaemon() {
-  // g_daemon keeps pointing here once this object is gone. A SIGTERM held
-  // back until now is handled while the object is whole; a later one is
-  // ignored instead of reaching a destroyed object. Where the handler was
-  // never installed, SIGTERM keeps its default action.
-  struct sigaction current = {};
-  if (g_daemon == this && sigaction(SIGTERM, nullptr, &current) == 0 &&
-      current.sa_handler == OnSigTerm) {
-    TakePendingSigTerm();
-    // NOLINTNEXTLINE(cert-err33-c): cannot fail for SIGTERM
-    signal(SIGTERM, SIG_IGN);
-  }
   syslog(LOG_DAEMON | LOG_NOTICE, "Stopping daemon [%d]...\n", getpid());
   closelog();
 }
 
 CDaemon* CDaemon::Instance() {
-  if (g_daemon != nullptr) return g_daemon;
-  g_daemon = new CDaemon();
+  // The constructor registers the object too; it is never freed.
+  if (g_daemon == nullptr) g_daemon = new CDaemon();
   return g_daemon;
 }
 
@@ -200,10 +189,10 @@ bool CDaemon::Run() {
     pid_t pid = wait3(&status, WUNTRACED, nullptr);
     int waitError = errno;
     HoldSigTerm();
-    if (pid == 0) continue;
-    if (pid < 0) {
+    if (pid <= 0) {
+      // 0 never comes without WNOHANG. Errors other than EINTR are retried
+      // at once: with no children at all, ECHILD makes this spin.
       if (waitError == EINTR) break;
-      // ECHILD included: with no children at all this spins.
       continue;
     }
 

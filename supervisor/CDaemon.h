@@ -4,13 +4,17 @@
 // children it knows of.
 //
 // One thread. SIGTERM is the only asynchronous entry: its handler reaches the
-// object through g_daemon. Its handler logs and walks the tables, so it must
-// never run while the main flow is inside syslog, malloc or a table update:
-// SIGTERM stays blocked (DeferSigTerm) and is let in only at points where the
-// main flow holds no lock and is inside no library call. There are enough of
-// them (around the wait and the brake's sleep, before each table update,
-// before each test of g_running) that a SIGTERM has the same effect as if it
-// had been handled the moment it arrived.
+// object through g_daemon, logs and walks the tables, so it must never run
+// while the main flow is inside syslog, malloc or a table update. Once the
+// handler is installed, SIGTERM stays held (DeferSigTerm) and is let in only
+// where the main flow holds no lock and is inside no library call: in the
+// wait, in the brake's sleep, just after each start line (before that child
+// is listed), just after each exit line and at the end of each turn of the
+// loop. A SIGTERM is handled at the next of these points. It stops the
+// children listed by then, so a child whose start line was logged just
+// before the stop lines is not stopped and outlives the daemon. Once the
+// loop has ended SIGTERM stays held until the process exits: a second one
+// has nothing to add and is ignored.
 #ifndef SUPERVISOR_CDAEMON_H_
 #define SUPERVISOR_CDAEMON_H_
 

@@ -76,11 +76,13 @@ int main(int argc, char* argv[]) {
     syslog(LOG_DAEMON | LOG_DEBUG, "Usage: %s --pidfile=FILE\n", argv[0]);
     return kExitUsage;
   }
-  CDaemon::DeferSigTerm();
+  // Until the handler is in, SIGTERM keeps its default action and ends the
+  // process; only then is it held back to the safe points.
   if (signal(SIGTERM, OnSigTerm) == SIG_ERR) {
     syslog(LOG_DAEMON | LOG_ERR, "Cannot install SIGTERM handler: %d\n", errno);
     return kExitNoSignalHandler;
   }
+  CDaemon::DeferSigTerm();
   // Overwritten without a lock: the caller makes sure only one daemon runs
   // per PID file. Write errors are not checked.
   FILE* file = fopen(pidFile.c_str(), "w");

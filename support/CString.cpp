@@ -1,11 +1,11 @@
 // CString: byte-string operations used to split instance file names.
 #include "support/CString.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <utility>
 
 namespace {
 const size_t kFormatBufferSize = 1024;
@@ -29,8 +29,6 @@ CString::CString(char c, int count) {
 
 // NOLINTNEXTLINE(readability-redundant-string-cstr): stops at a zero byte
 CString::CString(const CString& other) : m_text(other.m_text.c_str()) {}
-
-CString::CString(CString&& other) noexcept : m_text(std::move(other.m_text)) {}
 
 CString::~CString() = default;
 
@@ -85,8 +83,8 @@ CString CString::Left(unsigned n) const {
 }
 
 CString CString::Right(unsigned n) const {
-  if (n >= m_text.size()) return CString(m_text.c_str());
-  return CString(m_text.substr(m_text.size() - n).c_str());
+  size_t kept = std::min<size_t>(n, m_text.size());
+  return CString(m_text.substr(m_text.size() - kept).c_str());
 }
 
 CString CString::Mid(unsigned start, unsigned count) const {
@@ -136,16 +134,15 @@ int CString::Replace(char from, char to) {
 }
 
 int CString::Replace(const char* from, const char* to) {
-  size_t pos = m_text.find(from);
-  if (pos == std::string::npos) return 0;
   int count = 0;
-  while (pos != std::string::npos) {
+  // Each search resumes after the inserted text, so a replacement is never
+  // rescanned.
+  for (size_t pos = m_text.find(from); pos != std::string::npos;
+       pos = m_text.find(from, pos + strlen(to))) {
     // Each pass builds a new text from the pieces: simple, and not tuned.
     // cppcheck-suppress uselessCallsSubstr ; a new text on purpose, see above
     m_text = m_text.substr(0, pos) + to + m_text.substr(pos + strlen(from));
     ++count;
-    // Resume after the inserted text, so a replacement is never rescanned.
-    pos = m_text.find(from, pos + strlen(to));
   }
   return count;
 }

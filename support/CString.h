@@ -18,9 +18,9 @@ class CString {
   CString(const char* s);  // NOLINT(google-explicit-constructor)
   CString(const char* s, unsigned n);
   CString(char c, int count);
+  // Also serves temporaries (there is no move constructor): every copy stops
+  // at a zero byte.
   CString(const CString& other);
-  // Keeps every byte, so a result returned by value is never cut short.
-  CString(CString&& other) noexcept;
   virtual ~CString();
 
   unsigned GetLength() const;
