@@ -30,7 +30,7 @@ until [ -S /dev/log ]; do sleep 0.01; done
 
 fail() { printf 'FAIL %s: %s\nmorvaned logged:\n%s\n' "$case" "$1" "$(transcript)"; exit 1; }
 # poll CONDITION [SECONDS]: until CONDITION holds, 10 s at most
-poll() { for ((t = 0; t < ${2:-10} * 100; t++)); do eval "$1" && return; sleep 0.01; done; fail "$1"; }
+poll() { local end=$((SECONDS + ${2:-10})); until eval "$1"; do ((SECONDS < end)) || fail "$1"; sleep 0.01; done; }
 # The daemon's lines, pids renamed; with a name (P3), that pid.
 transcript() {
   awk -v d="$daemon" -v want="${1:-}" 'index($0, "MORVANE[" d "]: ") {
@@ -48,23 +48,22 @@ transcript() {
 # step ACTION [LINE...]: runs ACTION, then the daemon must log these lines next
 step() {
   eval "$1"; shift
-  local raw=("$@") want=() got line i
+  local want=() got line i end=$((SECONDS + 10))
   for line; do line=${line//\[/\\[}; want+=("${line//\]/\\]}"); done
-  for ((t = 0; t < 1000; t++)); do
-    mapfile -t got < <(transcript | tail -n +$((seen + 1)))
-    for i in "${!got[@]}"; do
-      [[ ${got[i]} == ${want[i]:-} ]] || fail "line $((seen + i + 1)) is not '${raw[i]-}'"
-    done
-    if [ ${#got[@]} = ${#want[@]} ]; then seen=$((seen + ${#want[@]})); return; fi
+  while mapfile -t got < <(transcript | tail -n +$((seen + 1))); do
+    for i in "${!got[@]}"; do [[ ${got[i]} == ${want[i]:-} ]] || fail "line $((seen + i + 1)) is not '${@:i+1:1}'"; done
+    [ ${#got[@]} != ${#want[@]} ] || break
+    ((SECONDS < end)) || fail "waited for: $*"
     sleep 0.01
   done
-  fail "waited for: $*"
+  seen=$((seen + ${#want[@]}))
 }
 # Everything logged so far is in the log.
 flush() { ((++flushes)) && echo "flush $flushes" | socat -u - UNIX-SENDTO:/dev/log; poll "grep -qx 'flush $flushes' '$log'"; }
 state() { cut -d' ' -f3 "/proc/$(transcript "$1")/stat" 2>/dev/null || true; }
 dead() { for p; do poll "[[ \$(state $p) == ?(Z) ]]"; done; }
 alive() { for p; do [[ $(state "$p") == [!Z] ]] || fail "$p has ended"; done; }
+ended() { dead D && wait "$daemon"; }  # the daemon's exit status
 clock() { touch -d "@$1" "$base/clock"; }
 # end P N: the fake child P exits with status N
 end() { echo "$2" >"$base/exit.$(transcript "$1")"; }
@@ -97,14 +96,14 @@ run() {
 
 startup() {  # each failed start: its status, its line between start and stop, its echo
   while IFS='|' read -r status setup args line echo; do
-    fresh a.INI && eval "line=\"$line\" echo=\"$echo\""
+    fresh a.INI && eval "line=\"$line\" echo=\"$echo\"" && run $(eval echo "$args")
+    ended && got=0 || got=$?
+    [ $got = "$status" ] || fail "exit status $got, not $status"
     local lines=("29 Starting daemon [D]..." ${line:+"$line"} "29 Stopping daemon [D]...")
     [ "$status" != 143 ] || unset 'lines[-1]'  # SIGTERM's default action
-    run $(eval echo "$args") && wait "$daemon" && got=0 || got=$?
-    [ $got = "$status" ] || fail "exit status $got, not $status"
     step flush "${lines[@]}"
-    [ "$(cat "$base.out"; echo .)" = "${echo:+$echo$'\n'}." ] || fail "echo: $(cat "$base.out")"
-    [ ! -e "$base/pid" ] && [ ! -e "$base/started" ] || fail "PID file written or child started"
+    [ "$(cat "$base.out"; echo .)" = "${echo:+$echo$'\n'}." ] && [ ! -e "$base/pid" ] && [ ! -e "$base/started" ] ||
+      fail "echo '$(cat "$base.out")', or a PID file written or a child started"
   done <<'EOF'
 1|||31 Usage: $binary --pidfile=FILE|
 1||--pidfile=|31 Usage: $binary --pidfile=FILE|
@@ -118,7 +117,7 @@ EOF
 }
 
 discovery() {  # instance files of any case, in listing order; how each server is run
-              # (from a base directory too long for the path buffer: by relative path)
+               # (from a base directory too long for the path buffer: by relative path)
   long=1 fresh alpha.INI Beta.ini gamma.Ini notes.txt x.INI.bak INI a.INI a.ini .ini 'with space.ini' archive.ini/
   rm "$base/MorvaneHL7.exe"
   local lines=("29 Starting daemon [D]...") started=() name
@@ -156,9 +155,8 @@ restarts() {  # each end decoded and its child alone replaced, at once or after 
   # SIGTERM cuts the sleep short; the replacement decided on still starts.
   step 'kill $daemon' "29 locked: Stopping HL-7 Listener a:P7..." "29 Starting Server a:P9..." \
     "31 unlock failed" "29 Stopping daemon [D]..."
-  wait "$daemon" && [ ! -e "$base/pid" ] && dead P7 && alive P9 && step flush
-  local all=$(printf "$base/Morvane%s.exe [a] none blocked\n" '' '' '' '' '' HL7 HL7)
-  poll '[ "$(started)" = "$all" ]'
+  ended && [ ! -e "$base/pid" ] && dead P7 && alive P9 && step flush
+  poll '[ "$(started)" = "$(printf "$base/Morvane%s.exe [a] none blocked\n" "" "" "" "" "" HL7 HL7)" ]'
   [ "$(grep -v 'unlock failed' "$log" | grep -c MORVANE)" = "$(transcript | grep -vc 'unlock failed')" ] ||
     fail "a copy logged: $(grep MORVANE "$log")"
 }
@@ -175,22 +173,21 @@ pass() {  # SIGTERM just after a random launch of the start-up pass stops only t
     mapfile -t stops < <(printf '%s\n' "${stops[@]}" | sort -s -k4,4r)  # servers first
     step 'MORVANED_TEST_TERM=$k run --pidfile=$base/pid' "${lines[@]:0:k+1}" "${stops[@]}" \
       "${lines[@]:k+1}" "28 * killed by signal [9]" "31 unlock failed" "29 Stopping daemon [D]..."
-    wait "$daemon" && dead $(seq -f P%g $((k - 1))) && alive $(seq -f P%g "$k" 6) && step flush
+    ended && dead $(seq -f P%g $((k - 1))) && alive $(seq -f P%g "$k" 6) && step flush
   done
 }
 
-soak() {  # many deaths ($MORVANED_TEST_DEATHS), each replaced once; the daemon's
-          # memory and descriptors stay flat
-  fresh 0.INI && rm "$base/MorvaneHL7.exe" && printf '#!/bin/sh\nexit 0\n' >"$base/Morvane.exe"
-  local deaths=${MORVANED_TEST_DEATHS:-1000} before after
-  MORVANED_TEST_SOAK=1 run --pidfile="$base/pid"
-  poll '(($(grep -c exited "$log") > 100))' && before=$(usage)
-  poll '(($(grep -c exited "$log") > deaths))' $((deaths / 10)) && after=$(usage)
-  read -r rss fds rss2 fds2 <<<"$before $after"
-  ((rss2 <= rss + 64 && fds2 == fds)) || fail "RSS (KiB) and descriptors from $before to $after"
-  local want="29 Starting daemon [D]..."$'\n'"29 Starting Server 0:P1..."
-  for ((i = 1; i < deaths; i++)); do want+=$'\n'"28 Server 0:P$i exited with status [0]"$'\n'"29 Starting Server 0:P$((i + 1))..."$'\n'"31 unlock failed"; done
-  [ "$(transcript | head -n $((3 * deaths - 1)))" = "$want" ] || fail "a death not replaced once"
+soak() {  # many deaths ($MORVANED_TEST_DEATHS), each replaced once; memory and descriptors flat
+  fresh 0.INI && rm "$base/MorvaneHL7.exe" && printf '#!/bin/sh\n' >"$base/Morvane.exe"
+  MORVANED_TEST_SOAK=1 run --pidfile="$base/pid" && local deaths=${MORVANED_TEST_DEATHS:-1000} i
+  poll '(($(grep -c exited "$log") > 100))' && read -r rss fds <<<"$(usage)"
+  poll '(($(grep -c exited "$log") > deaths))' $((deaths / 10)) && read -r rss2 fds2 <<<"$(usage)"
+  ((rss2 <= rss + 64 && fds2 == fds)) || fail "RSS (KiB) and descriptors from $rss $fds to $rss2 $fds2"
+  local want=("29 Starting daemon [D]..." "29 Starting Server 0:P1...")
+  for ((i = 1; i < deaths; i++)); do
+    want+=("28 Server 0:P$i exited with status [0]" "29 Starting Server 0:P$((i + 1))..." "31 unlock failed")
+  done
+  [ "$(transcript | head -n ${#want[@]})" = "$(printf '%s\n' "${want[@]}")" ] || fail "a death not replaced once"
 }
 # The daemon's resident KiB and open descriptors (the test clock's file aside).
 usage() { echo "$(awk '/VmRSS/ { print $2 }' "/proc/$daemon/status") $(ls -l "/proc/$daemon/fd" | grep -vc clock)"; }
