@@ -1,115 +1,82 @@
 #!/usr/bin/env bash
 # Process tests: the real morvaned, preloaded with tests/preload.c, in a
-# temporary base directory whose programs are the fake child below. One case
-# (a function below) a run, in private pid and mount namespaces where
-# /dev/log is a socket this script reads; every process a case starts ends
-# with its namespace. A case states what the daemon logs next, step by step,
-# as "PRIORITY TEXT" (29 notice, 28 warning, 27 err, 31 debug, 30 the test
-# clock's sleep), its pid as D and other pids as P1, P2... in order of first
-# mention; * stands for any text.
+# temporary base directory whose programs are tests/child.sh. One case (a
+# function below) a run, in private pid and mount namespaces where /dev/log
+# is a socket this script reads; every process a case starts ends with its
+# namespace. A case states what the daemon logs next, step by step, as
+# "PRIORITY TEXT" (29 notice, 28 warning, 27 err, 31 debug, 30 the test
+# clock's sleep), with its pid as D and its n-th child's as Pn; * stands for
+# any text.
 #
 #   tests/process.sh MORVANED PRELOAD CASE
 set -euo pipefail
-export LC_ALL=C
-binary=$1 preload=$2 case=$3
+export LC_ALL=C && binary=$1 preload=$2 case=$3 tests=$(dirname "$0")
 if [ -z "${MORVANED_TEST_INSIDE:-}" ]; then
-  flags=(--mount --pid --fork --mount-proc)
-  [ "$(id -u)" = 0 ] || flags+=(--map-root-user)
-  unshare "${flags[@]}" true 2>/dev/null || {
-    echo "skipped: no private pid and mount namespaces here (needs root or unprivileged user namespaces)"
-    exit 77
-  }
+  flags=(--mount --pid --fork --mount-proc) && [ "$(id -u)" = 0 ] || flags+=(--map-root-user)
+  unshare "${flags[@]}" true 2>/dev/null ||
+    { echo "skipped: cannot make private pid and mount namespaces (needs root or user namespaces)"; exit 77; }
   MORVANED_TEST_INSIDE=1 exec unshare "${flags[@]}" "$0" "$@"
 fi
-"$(dirname "$0")/../scripts/private-dev"
-ulimit -c 0
-work=$(mktemp -d) log=$(mktemp) bases=0 seen=0 flushes=0 daemon=
-trap 'rm -rf "$work" "$log"' EXIT
-socat -u UNIX-RECV:/dev/log OPEN:"$log",append &
-until [ -S /dev/log ]; do sleep 0.01; done
-
-fail() { printf 'FAIL %s: %s\nmorvaned logged:\n%s\n' "$case" "$1" "$(transcript)"; exit 1; }
+fail() { printf 'FAIL %s: %s\n%s\nmorvaned logged:\n%s\n' "$case" "$1" "$expected" "$(transcript)"; exit 1; }
 # poll CONDITION [SECONDS]: until CONDITION holds, 10 s at most
 poll() { local end=$((SECONDS + ${2:-10})); until eval "$1"; do ((SECONDS < end)) || fail "$1"; sleep 0.01; done; }
-# The daemon's lines, pids renamed; with a name (P3), that pid.
+"$tests/../scripts/private-dev" && ulimit -c 0
+work=$(mktemp -d) bases=0 seen=0 flushes=0 daemon= base= expected= && log=$work/log
+trap '[ $$ != 1 ] || kill -KILL -1; rm -rf "$work"' EXIT  # as pid 1, it ends the namespace
+socat -u UNIX-RECV:/dev/log OPEN:"$log",creat,append & poll '[ -S /dev/log ]'
+
+# The daemon's lines as "PRIORITY TEXT", its own pid as D and its n-th child's as Pn.
 transcript() {
-  awk -v d="$daemon" -v want="${1:-}" 'index($0, "MORVANE[" d "]: ") {
-    text = substr($0, index($0, "]: ") + 3); out = ""
-    while (match(text, /(:|(daemon|process) \[)-?[0-9]+/)) {
-      n = substr(text, RSTART, RLENGTH); sub(/^[^-0-9]+/, "", n)
-      if (!(n in name)) name[n] = n == d ? "D" : "P" (++count)
-      if (name[n] == want) { print n; exit }
-      out = out substr(text, 1, RSTART + RLENGTH - 1 - length(n)) name[n]
-      text = substr(text, RSTART + RLENGTH)
-    }
-    if (want == "") print substr($0, 2, index($0, ">") - 2), out text
-  }' "$log"
+  grep -a "MORVANE\[$daemon\]: " "$log" | sed -e "s/^<\([0-9]*\)>[^]]*]: /\1 /; s/\[$daemon\]/[D]/" \
+    -e "$(awk '{ printf "s/\\([:[]\\)%s\\([]. ]\\)/\\1%s\\2/\n", $2, $1 }' "$base/pids" 2>/dev/null)"
 }
-# step ACTION [LINE...]: runs ACTION, then the daemon must log these lines next
+pid() { [ "$1" = D ] && echo "$daemon" || awk -v p="$1" '$1 == p { print $2 }' "$base/pids"; }
+# step ACTION [LINE...]: runs ACTION; then the daemon's next lines must be these, and no more
 step() {
-  eval "$1"; shift
-  local want=() got line i end=$((SECONDS + 10))
-  for line; do line=${line//\[/\\[}; want+=("${line//\]/\\]}"); done
-  while mapfile -t got < <(transcript | tail -n +$((seen + 1))); do
-    for i in "${!got[@]}"; do [[ ${got[i]} == ${want[i]:-} ]] || fail "line $((seen + i + 1)) is not '${@:i+1:1}'"; done
-    [ ${#got[@]} != ${#want[@]} ] || break
-    ((SECONDS < end)) || fail "waited for: $*"
-    sleep 0.01
-  done
-  seen=$((seen + ${#want[@]}))
+  eval "$1" || fail "$1"; shift; expected="expected next:$(printf '\n%s' "$@")"; local want=$(printf '%s\n' "$@")
+  want=${want//\[/\\[} && want=${want//\]/\\]} && poll '[[ $(transcript | tail -n +$((seen + 1))) == $want ]]'
+  seen=$((seen + $#)) expected=
 }
 # Everything logged so far is in the log.
 flush() { ((++flushes)) && echo "flush $flushes" | socat -u - UNIX-SENDTO:/dev/log; poll "grep -qx 'flush $flushes' '$log'"; }
-state() { cut -d' ' -f3 "/proc/$(transcript "$1")/stat" 2>/dev/null || true; }
+state() { cut -d' ' -f3 "/proc/$(pid "$1")/stat" 2>/dev/null || true; }
 dead() { for p; do poll "[[ \$(state $p) == ?(Z) ]]"; done; }
 alive() { for p; do [[ $(state "$p") == [!Z] ]] || fail "$p has ended"; done; }
-ended() { dead D && wait "$daemon"; }  # the daemon's exit status
 clock() { touch -d "@$1" "$base/clock"; }
 # end P N: the fake child P exits with status N
-end() { echo "$2" >"$base/exit.$(transcript "$1")"; }
+end() { echo "$2" >"$base/exit.$(pid "$1")"; }
 # Instance names in the order the base directory lists them.
 listed() { ls -f "$base" | sed -n 's/\.[iI][nN][iI]$//p'; }
-# The programs as the fake child logged their starts: path, [argument], blocked signals.
 started() { sort "$base/started" | sed 's/SigBlk:\t0*$/none blocked/'; }
 
-# fresh [FILE...]: a new base directory (with $long, its path 256 bytes
-# long) holding the fake programs and these files; a trailing / makes a
-# directory. The clock shows 10.
+# fresh [FILE...]: a new base directory (with $long, its path 256 bytes long)
+# holding the fake programs and these files; a trailing / makes a directory.
+# The clock shows 10.
 fresh() {
-  base=$work/$((++bases))
-  [ -z "${long:-}" ] || base+=/$(printf "%0$((255 - ${#base}))d" 0)
-  mkdir -p "$base" && clock 10
-  for f; do if [[ $f == */ ]]; then mkdir "$base/$f"; else : >"$base/$f"; fi; done
-  cat >"$base/Morvane.exe" <<'EOF'
-#!/bin/sh
-echo "$0 [$1] $(grep SigBlk /proc/$$/status)" >>started
-mkfifo "exit.$$" 2>/dev/null; read -r code <"exit.$$"; exit "$code"
-EOF
-  chmod +x "$base/Morvane.exe" && cp "$base/Morvane.exe" "$base/MorvaneHL7.exe"
+  base=$work/$((++bases)) && [ -z "${long:-}" ] || base+=/$(printf "%0$((255 - ${#base}))d" 0)
+  mkdir -p "$base" && clock 10 && for f; do [[ $f == */ ]] && mkdir "$base/$f" || : >"$base/$f"; done
+  cp "$tests/child.sh" "$base/Morvane.exe" && cp "$tests/child.sh" "$base/MorvaneHL7.exe"
 }
 # run [ARG...]: morvaned in the base directory, after $setup there
 run() {
-  (cd "$base" && eval "${setup:-}" && MORVANED_TEST_CLOCK=$base/clock LD_PRELOAD=$preload \
-    exec "$binary" "$@" >"$base.out") &
+  (cd "$base" && eval "${setup:-}" && MORVANED_TEST_CLOCK=$base/clock LD_PRELOAD=$preload exec "$binary" "$@" >"$base.out") &
   daemon=$! seen=0
 }
 
 startup() {  # each failed start: its status, its line between start and stop, its echo
+  local stop=("29 Stopping daemon [D]...")
   while IFS='|' read -r status setup args line echo; do
     fresh a.INI && eval "line=\"$line\" echo=\"$echo\"" && run $(eval echo "$args")
-    ended && got=0 || got=$?
+    wait "$daemon" && got=0 || got=$?
     [ $got = "$status" ] || fail "exit status $got, not $status"
-    local lines=("29 Starting daemon [D]..." ${line:+"$line"} "29 Stopping daemon [D]...")
-    [ "$status" != 143 ] || unset 'lines[-1]'  # SIGTERM's default action
-    step flush "${lines[@]}"
+    step flush "29 Starting daemon [D]..." ${line:+"$line"} "${stop[@]:0:status != 143}"
     [ "$(cat "$base.out"; echo .)" = "${echo:+$echo$'\n'}." ] && [ ! -e "$base/pid" ] && [ ! -e "$base/started" ] ||
       fail "echo '$(cat "$base.out")', or a PID file written or a child started"
   done <<'EOF'
 1|||31 Usage: $binary --pidfile=FILE|
 1||--pidfile=|31 Usage: $binary --pidfile=FILE|
 1|cd ..|--basedir=$base --pidfile=$base/pid|31 Usage: $binary --pidfile=FILE|non-option ARGV elements: --pidfile=$base/pid |
-255|rm Morvane.exe|--pidfile=$base/pid|27 Morvane.exe does not exist or not an executable file|
-255|chmod -x Morvane.exe||27 Morvane.exe does not exist or not an executable file|
+255|rm Morvane.exe||27 Morvane.exe does not exist or not an executable file|
 253||--pidfile=$base/no/pid|27 Cannot open PIDFILE: $base/no/pid|
 254|export MORVANED_TEST_TERM=fail|--pidfile=$base/pid|27 Cannot install SIGTERM handler: 22|
 143|export MORVANED_TEST_TERM=early|--pidfile=$base/pid||
@@ -130,64 +97,55 @@ discovery() {  # instance files of any case, in listing order; how each server i
 
 restarts() {  # each end decoded and its child alone replaced, at once or after the brake
   fresh a.INI
-  step 'run -p "$base/pid" extra' "29 Starting daemon [D]..." "29 Starting Server a:P1..." \
-    "29 Starting HL-7 Listener a:P2..."
+  step 'run -p "$base/pid" extra' "29 Starting daemon [D]..." "29 Starting Server a:P1..." "29 Starting HL-7 Listener a:P2..."
   [ "$(cat "$base/pid" "$base.out")" = "$daemon"$'\n'"non-option ARGV elements: extra " ] ||
     fail "PID file and echo: $(cat "$base/pid" "$base.out")"
   # The first restart, or one 10 s after the last, at once; one 9 s after, or after a
   # clock set back, only after 30 s; a restart is stamped after its sleep.
   step 'end P1 3' "28 Server a:P1 exited with status [3]" "29 Starting Server a:P3..." "31 unlock failed"
-  step 'clock 20; kill -KILL $(transcript P2)' "28 HL-7 Listener a:P2 killed by signal [9]" \
-    "29 Starting HL-7 Listener a:P4..." "31 unlock failed"
-  step 'clock 29; kill -SEGV $(transcript P3)' "28 Server a:P3 killed by signal [11]" "30 sleep 30"
-  step 'clock 59' "29 Starting Server a:P5..." "31 unlock failed"
-  step 'clock 68; kill -STOP $(transcript P5)' "28 Server a:P5 stopped by signal [19]" "30 sleep 30"
-  step 'kill -CONT $(transcript P5); clock 98' "29 Starting Server a:P6..." "31 unlock failed"
-  step 'end P5 4' "28 locked: Unknown child process [P5] exited with status [4]"
-  # Programs that cannot be run: each child carries on as a silent copy of the daemon.
-  mv "$base/Morvane.exe" "$base/ok" && rm "$base/MorvaneHL7.exe" && mkdir "$base"/Morvane{,HL7}.exe
-  step 'clock 108; end P4 0' "28 HL-7 Listener a:P4 exited with status [0]" \
-    "29 Starting HL-7 Listener a:P7..." "31 unlock failed"
-  step 'clock 118; end P6 0' "28 Server a:P6 exited with status [0]" "29 Starting Server a:P8..." \
+  step 'clock 20; kill -KILL $(pid P2)' "28 HL-7 Listener a:P2 killed by signal [9]" "29 Starting HL-7 Listener a:P4..." \
     "31 unlock failed"
-  rmdir "$base/Morvane.exe" && mv "$base/ok" "$base/Morvane.exe"
-  step 'clock 50; kill -KILL $(transcript P8)' "28 Server a:P8 killed by signal [9]" "30 sleep 30"
+  step 'clock 29; kill -SEGV $(pid P3)' "28 Server a:P3 killed by signal [11]" "30 sleep 30"
+  step 'clock 59' "29 Starting Server a:P5..." "31 unlock failed"
+  step 'clock 68; kill -STOP $(pid P5)' "28 Server a:P5 stopped by signal [19]" "30 sleep 30"
+  step 'kill -CONT $(pid P5); clock 98' "29 Starting Server a:P6..." "31 unlock failed"
+  step 'end P5 4' "28 Unknown child process [P5] exited with status [4]"
+  # A program that cannot be run: its child carries on as a silent copy of the daemon.
+  rm "$base/MorvaneHL7.exe" && mkdir "$base/MorvaneHL7.exe"
+  step 'clock 108; end P4 0' "28 HL-7 Listener a:P4 exited with status [0]" "29 Starting HL-7 Listener a:P7..." \
+    "31 unlock failed"
+  step 'clock 50; kill $(pid P6)' "28 Server a:P6 killed by signal [15]" "30 sleep 30"
   # SIGTERM cuts the sleep short; the replacement decided on still starts.
-  step 'kill $daemon' "29 locked: Stopping HL-7 Listener a:P7..." "29 Starting Server a:P9..." \
-    "31 unlock failed" "29 Stopping daemon [D]..."
-  ended && [ ! -e "$base/pid" ] && dead P7 && alive P9 && step flush
-  poll '[ "$(started)" = "$(printf "$base/Morvane%s.exe [a] none blocked\n" "" "" "" "" "" HL7 HL7)" ]'
+  step 'kill $daemon' "29 Stopping HL-7 Listener a:P7..." "29 Starting Server a:P8..." "31 unlock failed" \
+    "29 Stopping daemon [D]..."
+  wait "$daemon" && [ ! -e "$base/pid" ] || fail "exit status or PID file left"
+  dead P7 && alive P8 && step flush
   [ "$(grep -v 'unlock failed' "$log" | grep -c MORVANE)" = "$(transcript | grep -vc 'unlock failed')" ] ||
     fail "a copy logged: $(grep MORVANE "$log")"
 }
 
-pass() {  # SIGTERM just after a random launch of the start-up pass stops only the children
-          # listed by then ($MORVANED_TEST_RUNS runs)
-  for _ in $(seq "${MORVANED_TEST_RUNS:-3}"); do
+pass() {  # SIGTERM just after launch k of the start-up pass, or while the daemon waits (k=7):
+          # the children listed by then are stopped, servers first, and later ones live on
+  for k in $(shuf -i 2-7) $(shuf -rn "${MORVANED_TEST_RUNS:-0}" -i 2-7); do
     fresh a.INI b.INI c.INI && set -- $(listed)
-    local k=$((RANDOM % 5 + 2)) lines=("29 Starting daemon [D]...") stops=() n=0 name
+    local lines=("29 Starting daemon [D]...") stops=() n=0 name
     for name; do for kind in Server 'HL-7 Listener'; do
-      lines+=("29 Starting $kind $name:P$((++n))...")
-      ((n >= k)) || stops+=("29 locked: Stopping $kind $name:P$n...")
+      lines+=("29 Starting $kind $name:P$((++n))...") && ((n >= k)) || stops+=("29 Stopping $kind $name:P$n...")
     done; done
-    mapfile -t stops < <(printf '%s\n' "${stops[@]}" | sort -s -k4,4r)  # servers first
-    step 'MORVANED_TEST_TERM=$k run --pidfile=$base/pid' "${lines[@]:0:k+1}" "${stops[@]}" \
-      "${lines[@]:k+1}" "28 * killed by signal [9]" "31 unlock failed" "29 Stopping daemon [D]..."
-    ended && dead $(seq -f P%g $((k - 1))) && alive $(seq -f P%g "$k" 6) && step flush
+    mapfile -t stops < <(printf '%s\n' "${stops[@]}" | sort -s -k3,3r)  # servers first
+    step 'MORVANED_TEST_TERM=$k run --pidfile=$base/pid; ((k < 7)) || { poll "grep -q do_wait /proc/$daemon/wchan"; kill $daemon; }' "${lines[@]:0:k+1}" \
+      "${stops[@]}" "${lines[@]:k+1}" "28 * killed by signal [9]" "31 unlock failed" "29 Stopping daemon [D]..."
+    wait "$daemon" || fail "exit status $?"
+    dead $(seq -f P%g $((k - 1))) && alive $(seq -f P%g "$k" 6) && step flush
   done
 }
 
-soak() {  # many deaths ($MORVANED_TEST_DEATHS), each replaced once; memory and descriptors flat
+soak() {  # many deaths ($MORVANED_TEST_DEATHS): the daemon's memory and descriptors stay flat
   fresh 0.INI && rm "$base/MorvaneHL7.exe" && printf '#!/bin/sh\n' >"$base/Morvane.exe"
-  MORVANED_TEST_SOAK=1 run --pidfile="$base/pid" && local deaths=${MORVANED_TEST_DEATHS:-1000} i
+  MORVANED_TEST_SOAK=1 run --pidfile="$base/pid" && local n=${MORVANED_TEST_DEATHS:-1000}
   poll '(($(grep -c exited "$log") > 100))' && read -r rss fds <<<"$(usage)"
-  poll '(($(grep -c exited "$log") > deaths))' $((deaths / 10)) && read -r rss2 fds2 <<<"$(usage)"
+  poll '(($(grep -c exited "$log") > n))' $((n / 10)) && read -r rss2 fds2 <<<"$(usage)"
   ((rss2 <= rss + 64 && fds2 == fds)) || fail "RSS (KiB) and descriptors from $rss $fds to $rss2 $fds2"
-  local want=("29 Starting daemon [D]..." "29 Starting Server 0:P1...")
-  for ((i = 1; i < deaths; i++)); do
-    want+=("28 Server 0:P$i exited with status [0]" "29 Starting Server 0:P$((i + 1))..." "31 unlock failed")
-  done
-  [ "$(transcript | head -n ${#want[@]})" = "$(printf '%s\n' "${want[@]}")" ] || fail "a death not replaced once"
 }
 # The daemon's resident KiB and open descriptors (the test clock's file aside).
 usage() { echo "$(awk '/VmRSS/ { print $2 }' "/proc/$daemon/status") $(ls -l "/proc/$daemon/fd" | grep -vc clock)"; }
