@@ -66,11 +66,10 @@ run() {
 startup() {  # each failed start: its status, its line between start and stop, its echo
   local stop=("29 Stopping daemon [D]...")
   while IFS='|' read -r status setup args line echo; do
-    fresh a.INI && eval "line=\"$line\" echo=\"$echo\"" && run $(eval echo "$args")
-    wait "$daemon" && got=0 || got=$?
+    fresh a.INI && eval "line=\"$line\" echo=\"$echo\"" && run $(eval echo "$args") && got=0 && wait "$daemon" || got=$?
     [ $got = "$status" ] || fail "exit status $got, not $status"
     step flush "29 Starting daemon [D]..." ${line:+"$line"} "${stop[@]:0:status != 143}"
-    [ "$(cat "$base.out"; echo .)" = "${echo:+$echo$'\n'}." ] && [ ! -e "$base/pid" ] && [ ! -e "$base/started" ] ||
+    [ "$(cat "$base.out"; ls "$base/pid" "$base/started" 2>/dev/null; echo .)" = "${echo:+$echo$'\n'}." ] ||
       fail "echo '$(cat "$base.out")', or a PID file written or a child started"
   done <<'EOF'
 1|||31 Usage: $binary --pidfile=FILE|
@@ -142,12 +141,12 @@ pass() {  # SIGTERM just after launch k of the start-up pass, or while the daemo
 
 soak() {  # many deaths ($MORVANED_TEST_DEATHS): the daemon's memory and descriptors stay flat
   fresh 0.INI && rm "$base/MorvaneHL7.exe" && printf '#!/bin/sh\n' >"$base/Morvane.exe"
-  MORVANED_TEST_SOAK=1 run --pidfile="$base/pid" && local n=${MORVANED_TEST_DEATHS:-1000}
-  poll '(($(grep -c exited "$log") > 100))' && read -r rss fds <<<"$(usage)"
-  poll '(($(grep -c exited "$log") > n))' $((n / 10)) && read -r rss2 fds2 <<<"$(usage)"
-  ((rss2 <= rss + 64 && fds2 == fds)) || fail "RSS (KiB) and descriptors from $rss $fds to $rss2 $fds2"
+  MORVANED_TEST_SOAK=1 run --pidfile="$base/pid" && local n=${MORVANED_TEST_DEATHS:-1000} use=()
+  for deaths in 100 "$n"; do  # the daemon's resident KiB and descriptors (but the preload's files)
+    poll '(($(grep -c exited "$log") > deaths))' $((deaths / 10 + 10))
+    use+=($(awk '/VmRSS/ { print $2 }' "/proc/$daemon/status") $(ls -l "/proc/$daemon/fd" | grep -vEc 'clock|pids'))
+  done
+  ((use[2] <= use[0] + 64 && use[3] == use[1])) || fail "RSS (KiB) and descriptors from ${use[*]:0:2} to ${use[*]:2}"
 }
-# The daemon's resident KiB and open descriptors (the test clock's file aside).
-usage() { echo "$(awk '/VmRSS/ { print $2 }' "/proc/$daemon/status") $(ls -l "/proc/$daemon/fd" | grep -vc clock)"; }
 
 "$case"
