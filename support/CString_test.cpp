@@ -29,18 +29,15 @@ TEST(CString, ByteRules) {
       {B(zero + "c") + "|" + B(CString("c") + zero), "ac|ca\0b"s},
       // Unsigned bytes; a prefix first; the right side read as a C string.
       {Lt(ab, "abc") + Lt("abc", ab) + Lt(ab, ab) + Lt("z", "\xE9") + Lt("a", zero), "10010"},
-      {B(file.Left(6)) + "|" + B(file.Right(4)) + "|" + B(ab.Left(2u - 4)) + "|" + B(ab.Right(4)),
-       "report|.INI|ab|ab"},
+      {B(file.Left(6)) + "|" + B(file.Right(4)) + "|" + B(ab.Left(2u - 4)) + "|" + B(ab.Right(4)), "report|.INI|ab|ab"},
       {B(CString("abc").Mid(1, 100)) + "|" + B(CString("abc").Mid(3, 2)), "bc|"},
-      {EDIT("old", Format("%s:%d", "alpha", 42)), "alpha:42"},
-      {EDIT("old", Format("%2000d", 7)), std::string(1023, ' ')},
+      {EDIT("old", Format("%s:%d", "alpha", 42)) + "|" + EDIT("old", Format("%2000d", 7)), "alpha:42|" + std::string(1023, ' ')},
       {EDIT("Mix 1\xE9", MakeUpper()) + "|" + EDIT("Mix 1\xC9", MakeLower()), "MIX 1\xE9|mix 1\xC9"},
       {EDIT("   ", TrimLeft()) + "|" + EDIT("   ", TrimRight()) + "|" + EDIT("x ", TrimLeft()), "||x "},
       {EDIT(" a b ", TrimLeft()) + "|" + EDIT(" a\t\n\v\f\r ", TrimRight()), "a b | a"},
       {N("banana", Replace('a', 'a')) + "|" + N("banana", Replace('a', 'o')), "3 banana|3 bonono"},
       // A replacement's own text is not scanned again.
-      {N("aaa", Replace("a", "aa")) + "|" + N("a.b.c", Replace(".", "")) + "|" + N("a", Replace("x", "")),
-       "3 aaaaaa|2 abc|0 a"},
+      {N("aaa", Replace("a", "aa")) + "|" + N("a.b.c", Replace(".", "")) + "|" + N("a", Replace("x", "")), "3 aaaaaa|2 abc|0 a"},
       // Remove counts what it keeps, and leaves a text of nothing else whole.
       {N("axb", Remove('x')) + "|" + N("xxx", Remove('x')), "2 ab|0 xxx"},
   };
