@@ -30,8 +30,7 @@ __attribute__((constructor)) static void Load(void) { unsetenv("LD_PRELOAD"); }
 time_t time(time_t* out) {
   struct stat clock;
   time_t now = stat(getenv("MORVANED_TEST_CLOCK"), &clock) ? 0 : clock.st_mtime;
-  if (out) *out = now;
-  return now;
+  return out ? (*out = now) : now;
 }
 
 void syslog(int priority, const char* format, ...) {
@@ -64,10 +63,8 @@ unsigned sleep(unsigned seconds) {
 
 __sighandler_t signal(int number, __sighandler_t handler) {
   if (number == SIGTERM && !strcmp(TERM, "early")) raise(SIGTERM);
-  if (number == SIGTERM && !strcmp(TERM, "fail")) {
-    errno = EINVAL;
-    return SIG_ERR;
-  }
+  if (number == SIGTERM && !strcmp(TERM, "fail"))
+    return errno = EINVAL, SIG_ERR;
   return REAL(signal)(number, handler);
 }
 
