@@ -116,10 +116,9 @@ pass() {  # SIGTERM just after launch k of the start-up pass, or while the daemo
   for k in $(shuf -i 2-7) $(shuf -rn "${MORVANED_TEST_RUNS:-0}" -i 2-7); do
     fresh a.INI b.INI c.INI && set -- $(listed)
     local lines=("29 Starting daemon [D]...") stops=() n=0 name
-    for name; do for kind in Server 'HL-7 Listener'; do
-      lines+=("29 Starting $kind $name:P$((++n))...") && ((n >= k)) || stops+=("29 Stopping $kind $name:P$n...")
-    done; done
-    mapfile -t stops < <(printf '%s\n' "${stops[@]}" | sort -s -k3,3r)  # servers first
+    for name; do lines+=("29 Starting Server $name:P$((++n))..." "29 Starting HL-7 Listener $name:P$((++n))..."); done
+    for ((n = 1; n < k; n += 2)); do stops+=("29 Stopping Server ${@:(n + 1) / 2:1}:P$n..."); done  # servers first
+    for ((n = 2; n < k; n += 2)); do stops+=("29 Stopping HL-7 Listener ${@:n / 2:1}:P$n..."); done
     step 'MORVANED_TEST_TERM=$k run --pidfile=$base/pid; ((k < 7)) || { poll "grep -q do_wait /proc/$daemon/wchan"; kill $daemon; }' "${lines[@]:0:k+1}" \
       "${stops[@]}" "${lines[@]:k+1}" "28 * killed by signal [9]" "31 unlock failed" "29 Stopping daemon [D]..."
     wait "$daemon" || fail "exit status $?"; dead $(seq -f P%g $((k - 1))); alive $(seq -f P%g "$k" 6); step flush
