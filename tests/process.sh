@@ -29,7 +29,7 @@ transcript() {
   grep -a "MORVANE\[$daemon\]: " "$log" | sed -e "s/^<\([0-9]*\)>[^]]*]: /\1 /; s/\[$daemon\]/[D]/" \
     -e "$(awk '{ printf "s/\\([:[]\\)%s\\([]. ]\\)/\\1%s\\2/\n", $2, $1 }' "$base/pids" 2>/dev/null)"
 }
-pid() { [ "$1" = D ] && echo "$daemon" || awk -v p="$1" '$1 == p { print $2 }' "$base/pids"; }
+pid() { awk -v p="$1" '$1 == p { print $2 }' "$base/pids"; }
 # step ACTION [LINE...]: runs ACTION; then the daemon's next lines must be these, and no more
 step() {
   eval "$1" || fail "$1"; shift; expected="expected next:$(printf '\n%s' "$@")"; local want=$(printf '%s\n' "$@")
