@@ -5,16 +5,19 @@
 //
 // One thread. SIGTERM is the only asynchronous entry: its handler reaches the
 // object through g_daemon, logs and walks the tables, so it must never run
-// while the main flow is inside syslog, malloc or a table update. Once the
-// handler is installed, SIGTERM stays held (DeferSigTerm) and is let in only
-// where the main flow holds no lock and is inside no library call: in the
-// wait, in the brake's sleep, just after each start line (before that child
-// is listed), just after each exit line and at the end of each turn of the
-// loop. A SIGTERM is handled at the next of these points. It stops the
-// children listed by then, so a child whose start line was logged just
-// before the stop lines is not stopped and outlives the daemon. Once the
-// loop has ended SIGTERM stays held until the process exits: a second one
-// has nothing to add and is ignored.
+// while the main flow is inside syslog, malloc or a table update. Right after
+// the handler is installed, SIGTERM is held (DeferSigTerm) and let in only
+// where the main flow holds no lock and is inside no other library call:
+// during the wait for a child, during the brake's sleep, just after each
+// start line (before that child is listed), just after each exit line and at
+// the end of each turn of the loop. A SIGTERM is handled at the next of these
+// points. It stops the children listed by then, so a child whose start line
+// was logged just before the stop lines is not stopped and outlives the
+// daemon. A SIGTERM that comes once the loop has ended (its children have
+// been stopped), or on the way out after the PID file could not be opened
+// (none were started), stays held until the process exits and is ignored.
+// Each child gets back the signal mask the daemon started with before its
+// exec.
 #ifndef SUPERVISOR_CDAEMON_H_
 #define SUPERVISOR_CDAEMON_H_
 

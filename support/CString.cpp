@@ -75,7 +75,9 @@ bool CString::operator<(const CString& other) const {
 CString operator+(const CString& a, const CString& b) {
   CString result(a);
   result += b;
-  return result;
+  // Returned as a new object from all its bytes: a copy would stop at a zero
+  // byte that b brought in.
+  return CString(result.GetString(), result.GetLength());
 }
 
 CString CString::Left(unsigned n) const {
