@@ -18,8 +18,8 @@ if [ -z "${MORVANED_TEST_INSIDE:-}" ]; then
   MORVANED_TEST_INSIDE=1 exec unshare "${flags[@]}" "$0" "$@"
 fi
 fail() { printf 'FAIL %s: %s\n%s\nmorvaned logged:\n%s\n' "$case" "$1" "$expected" "$(transcript)"; exit 1; }
-# poll CONDITION [SECONDS]: until CONDITION holds, 10 s at most
-poll() { local end=$((SECONDS + ${2:-10})); until eval "$1"; do ((SECONDS < end)) || fail "$1"; sleep 0.01; done; }
+# poll CONDITION [SECONDS]: until CONDITION holds, 5 s at most
+poll() { local end=$((SECONDS + ${2:-5})); until eval "$1"; do ((SECONDS < end)) || fail "$1"; sleep 0.01; done; }
 "$tests/../scripts/private-dev" || exit 1  # else /dev/log would be the host's
 [[ $(</proc/sys/kernel/core_pattern) == [!\|/]* ]] && ulimit -c unlimited || ulimit -c 0  # cores in the base directory only
 work=$(mktemp -d) bases=0 seen=0 flushes=0 daemon= base= expected= && log=$work/log
@@ -32,9 +32,10 @@ transcript() { grep -a "MORVANE\[$daemon\]: " "$log" | sed -e "s/^<\([0-9]*\)>[^
 pid() { awk -v p="$1" '$1 == p { print $2 }' "$base/pids"; }
 # step ACTION [LINE...]: runs ACTION; then the daemon's next lines must be these, and no more
 step() {
-  eval "$1" || fail "$1"; shift; expected="expected next:$(printf '\n%s' "$@")"; local want=$(printf '%s\n' "$@")
-  want=${want//\[/\\[} && want=${want//\]/\\]} && poll '[[ $(transcript | tail -n +$((seen + 1))) == $want ]]'
-  seen=$((seen + $#)) expected=
+  eval "$1" || fail "$1"; shift; expected="expected next:$(printf '\n%s' "$@")"; local n=$# want=$(printf '%s\n' "$@")
+  want=${want//\[/\\[} && want=${want//\]/\\]} && poll 'got=$(transcript | tail -n +$((seen + 1))) && [[ $got == $want ]] ||
+    { (($(printf %s "$got" | grep -c "") < n)) || fail "other lines came"; false; }'  # fails at once once n lines came
+  seen=$((seen + n)) expected=
 }
 # Everything logged so far is in the log.
 flush() { ((++flushes)) && echo "flush $flushes" | socat -u - UNIX-SENDTO:/dev/log; poll "grep -qx 'flush $flushes' '$log'"; }
