@@ -22,7 +22,7 @@ fail() { printf 'FAIL %s: %s\n%s\nmorvaned logged:\n%s\n' "$case" "$1" "$expecte
 poll() { local end=$((SECONDS + ${2:-5})); until eval "$1"; do ((SECONDS < end)) || fail "$1"; sleep 0.01; done; }
 "$tests/../scripts/private-dev" || exit 1  # else /dev/log would be the host's
 [[ $(</proc/sys/kernel/core_pattern) == [!\|/]* ]] && ulimit -c unlimited || ulimit -c 0  # cores in the base directory only
-work=$(mktemp -d) bases=0 seen=0 flushes=0 daemon= base= expected= && log=$work/log
+work=$(mktemp -d) bases=0 seen=0 flushes=0 daemon= base= expected=; log=$work/log
 trap '[ $$ != 1 ] || kill -KILL -1; rm -rf "$work"' EXIT  # as pid 1, it ends the namespace
 socat -u UNIX-RECV:/dev/log OPEN:"$log",creat,append & poll '[ -S /dev/log ]'
 
@@ -53,8 +53,8 @@ listed() { ls -f "$base" | sed -n 's/\.[iI][nN][iI]$//p'; }
 # The clock shows 10.
 fresh() {
   base=$work/$((++bases)) && [ -z "${long:-}" ] || base+=/$(printf "%0$((255 - ${#base}))d" 0)
-  mkdir -p "$base" && clock 10 && for f; do [[ $f == */ ]] && mkdir "$base/$f" || : >"$base/$f"; done
-  cp "$tests/child.sh" "$base/Morvane.exe" && cp "$tests/child.sh" "$base/MorvaneHL7.exe"
+  mkdir -p "$base"; clock 10; for f; do [[ $f == */ ]] && mkdir "$base/$f" || : >"$base/$f"; done
+  cp "$tests/child.sh" "$base/Morvane.exe"; cp "$tests/child.sh" "$base/MorvaneHL7.exe"
 }
 # run [ARG...]: morvaned in the base directory, after $setup there
 run() { (cd "$base" && eval "${setup:-}" && MORVANED_TEST_CLOCK=$base/clock LD_PRELOAD=$preload exec "$binary" "$@" >"$base.out") & daemon=$! seen=0; }
