@@ -38,6 +38,8 @@ void syslog(int priority, const char* format, ...) {
   sigset_t mask;
   sigaction(SIGTERM, NULL, &term);
   sigprocmask(SIG_BLOCK, NULL, &mask);
+  // The SIGTERM handler logs too: had it run inside this call, the daemon
+  // would hang on syslog's own lock.
   int handled = term.sa_handler != SIG_DFL && term.sa_handler != SIG_IGN;
   if (handled && !sigismember(&mask, SIGTERM)) abort();
   va_list args;
