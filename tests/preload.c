@@ -1,19 +1,17 @@
-// Preloaded into morvaned by tests/process.sh. time() is the modification
-// time of the file $MORVANED_TEST_CLOCK, which the test sets; sleep(N) logs
-// "sleep N" and lasts until the test has moved that clock N seconds on, or
-// until a signal handler runs (with $MORVANED_TEST_SOAK, it returns at once).
-// fork() notes "Pn PID" of the daemon's n-th child in the file "pids". An
-// unlock that fails logs "unlock failed"; a syslog call that the SIGTERM
-// handler could interrupt aborts the daemon.
-// $MORVANED_TEST_TERM injects SIGTERM: "early" just before the handler is
-// installed, a number N just after fork N; "fail" makes installing it fail.
+// Preloaded into morvaned by tests/process.sh.
+// - time() is the modification time of the file $MORVANED_TEST_CLOCK, which the test sets;
+//   sleep(N) logs "sleep N" and lasts until that clock has moved N seconds on, or until a
+//   signal handler has run (with $MORVANED_TEST_SOAK it returns at once).
+// - $MORVANED_TEST_TERM sends SIGTERM "early", just before the handler is installed, or
+//   just after fork number N; "fail" makes installing the handler fail.
+// - An unlock that fails logs "unlock failed"; a syslog call that the SIGTERM handler
+//   could interrupt aborts the daemon.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/select.h>
@@ -38,8 +36,8 @@ void syslog(int priority, const char* format, ...) {
   sigset_t mask;
   sigaction(SIGTERM, NULL, &term);
   sigprocmask(SIG_BLOCK, NULL, &mask);
-  // The SIGTERM handler logs too: had it run inside this call, the daemon
-  // would hang on syslog's own lock.
+  // The SIGTERM handler logs too: had it run inside this call, the daemon would hang on
+  // syslog's own lock.
   int handled = term.sa_handler != SIG_DFL && term.sa_handler != SIG_IGN;
   if (handled && !sigismember(&mask, SIGTERM)) abort();
   va_list args;
@@ -57,27 +55,21 @@ unsigned sleep(unsigned seconds) {
   syslog(LOG_DAEMON | LOG_INFO, "sleep %u\n", seconds);
   time_t end = time(NULL) + seconds;
   struct timespec step = {0, 10000000};
-  while (time(NULL) < end && !pselect(0, NULL, NULL, NULL, &step, &caller))
-    continue;
+  while (time(NULL) < end && !pselect(0, NULL, NULL, NULL, &step, &caller)) continue;
   sigprocmask(SIG_SETMASK, &caller, NULL);
   return 0;
 }
 
 __sighandler_t signal(int number, __sighandler_t handler) {
   if (number == SIGTERM && !strcmp(TERM, "early")) raise(SIGTERM);
-  if (number == SIGTERM && !strcmp(TERM, "fail"))
-    return errno = EINVAL, SIG_ERR;
+  if (number == SIGTERM && !strcmp(TERM, "fail")) return errno = EINVAL, SIG_ERR;
   return REAL(signal)(number, handler);
 }
 
 pid_t fork(void) {
   static int forks;
   pid_t pid = REAL(fork)();
-  if (pid <= 0) return pid;
-  FILE* pids = fopen("pids", "a");
-  fprintf(pids, "P%d %d\n", ++forks, pid);
-  fclose(pids);
-  if (forks == atoi(TERM)) kill(getpid(), SIGTERM);
+  if (pid > 0 && ++forks == atoi(TERM)) kill(getpid(), SIGTERM);
   return pid;
 }
 

@@ -1,139 +1,321 @@
 #!/usr/bin/env bash
-# Process tests: the real morvaned, preloaded with tests/preload.c, in a
-# temporary base directory whose programs are tests/child.sh. One case (a
-# function below) a run, in private pid and mount namespaces where /dev/log
-# is a socket this script reads; every process a case starts ends with its
-# namespace. A case states what the daemon logs next, step by step, as
-# "PRIORITY TEXT" (29 notice, 28 warning, 27 err, 31 debug, 30 the test
-# clock's sleep), with its pid as D and its n-th child's as Pn; a line may be
-# a pattern (* any text, ? one character, @(a|b) either).
+# Process tests: the real morvaned, preloaded with tests/preload.c, in a temporary base
+# directory whose programs are tests/child.sh. One case (a function below) a run, in
+# private pid and mount namespaces where /dev/log is a socket this script reads; every
+# process a case starts ends with its namespace.
+#
+# The daemon's lines are read as "LEVEL TEXT", its pid written D and the other pids P1,
+# P2... in the order they first appear: its children, in the order it started them. A
+# case is a script for play: a line is an action, a function below with its words; the
+# indented lines after it are what the daemon logs next, all of them, in this order.
 #
 #   tests/process.sh MORVANED PRELOAD CASE
 set -euo pipefail
-export LC_ALL=C && binary=$1 preload=$2 case=$3 tests=$(dirname "$0")
+binary=$1 preload=$2 case=$3 tests=$(cd "$(dirname "$0")" && pwd)
 if [ -z "${MORVANED_TEST_INSIDE:-}" ]; then
-  flags=(--mount --pid --fork --mount-proc) && [ "$(id -u)" = 0 ] || flags+=(--map-root-user)
-  # CI sets MORVANED_TEST_NO_SKIP: there, a skip is a failure.
-  unshare "${flags[@]}" true 2>/dev/null || { echo "skipped: no private pid and mount namespaces"; exit $((${MORVANED_TEST_NO_SKIP:-0} ? 1 : 77)); }
+  flags=(--mount --pid --fork --mount-proc)
+  [ "$(id -u)" = 0 ] || flags+=(--map-root-user)
+  if ! unshare "${flags[@]}" true 2>/dev/null; then
+    echo "skipped: no private pid and mount namespaces"
+    # CI sets MORVANED_TEST_NO_SKIP: there, a skip is a failure.
+    exit $((${MORVANED_TEST_NO_SKIP:-0} ? 1 : 77))
+  fi
   MORVANED_TEST_INSIDE=1 exec unshare "${flags[@]}" "$0" "$@"
 fi
-fail() { printf 'FAIL %s: %s\n%s\nmorvaned logged:\n%s\n' "$case" "$1" "$expected" "$(transcript)"; exit 1; }
-# poll CONDITION [SECONDS]: until CONDITION holds, 5 s at most
-poll() { local end=$((SECONDS + ${2:-5})); until eval "$1"; do ((SECONDS < end)) || fail "$1"; sleep 0.01; done; }
-"$tests/../scripts/private-dev" || exit 1  # else /dev/log would be the host's
-[[ $(</proc/sys/kernel/core_pattern) == [!\|/]* ]] && ulimit -c unlimited || ulimit -c 0  # cores in the base directory only
-work=$(mktemp -d) bases=0 seen=0 flushes=0 daemon= base= expected=; log=$work/log
-trap '[ $$ != 1 ] || kill -KILL -1; rm -rf "$work"' EXIT  # as pid 1, it ends the namespace
-socat -u UNIX-RECV:/dev/log OPEN:"$log",creat,append & poll '[ -S /dev/log ]'
+export LC_ALL=C
+seen=0 flushes=0 daemon= base= expected= memcheck=()
 
-# The daemon's lines as "PRIORITY TEXT", its own pid as D and its n-th child's as Pn.
-transcript() { grep -a "MORVANE\[$daemon\]: " "$log" | sed -e "s/^<\([0-9]*\)>[^]]*]: /\1 /; s/\[$daemon\]/[D]/" \
-  -e "$(awk '{ printf "s/\\([:[]\\)%s\\([]. ]\\)/\\1%s\\2/\n", $2, $1 }' "$base/pids" 2>/dev/null)"; }
-pid() { awk -v p="$1" '$1 == p { print $2 }' "$base/pids"; }
-# step ACTION [LINE...]: runs ACTION; then the daemon's next lines must be these, and no more
-step() {
-  eval "$1" || fail "$1"; shift; expected="expected next:$(printf '\n%s' "$@")"; local n=$# want=$(printf '%s\n' "$@")
-  want=${want//\[/\\[} && want=${want//\]/\\]} && poll 'got=$(transcript | tail -n +$((seen + 1))) && [[ $got == $want ]] ||
-    { (($(printf %s "$got" | grep -c "") < n)) || fail "other lines came"; false; }'  # fails at once once n lines came
-  seen=$((seen + n)) expected=
+fail() {
+  printf 'FAIL %s: %s\n%s\nmorvaned logged:\n' "$case" "$1" "$expected"
+  transcript
+  exit 1
 }
-# Everything logged so far is in the log.
-flush() { ((++flushes)) && echo "flush $flushes" | socat -u - UNIX-SENDTO:/dev/log; poll "grep -qx 'flush $flushes' '$log'"; }
-state() { cut -d' ' -f3 "/proc/$(pid "$1")/stat" 2>/dev/null || true; }
-dead() { for p; do poll "[[ \$(state $p) == ?(Z) ]]"; done; }
-alive() { for p; do [[ $(state "$p") == [!Z] ]] || fail "$p has ended"; done; }
-clock() { touch -d "@$1" "$base/clock"; }
-# end P N: the fake child P exits with status N
-end() { echo "$2" >"$base/exit.$(pid "$1")"; }
-# Instance names in the order the base directory lists them.
-listed() { ls -f "$base" | sed -n 's/\.[iI][nN][iI]$//p'; }
 
-# fresh [FILE...]: a new base directory (with $long, its path 256 bytes long)
-# holding the fake programs and these files; a trailing / makes a directory.
-# The clock shows 10.
+# poll COMMAND...: until COMMAND succeeds, $limit (5) seconds at most
+poll() {
+  local end=$((SECONDS + ${limit:-5}))
+  until "$@"; do
+    ((SECONDS < end)) || fail "$*"
+    sleep 0.01
+  done
+}
+
+# The daemon's lines; with a name (D, Pn), the pid it stands for. A pid is a number of
+# four digits or more after ":" or "[" (here pids start at 1000).
+transcript() {
+  awk -v d="$daemon" -v want="${1:-}" 'BEGIN { name[d] = "D" }
+    sub("^<", "") && sub(">.* MORVANE\\[" d "\\]: ", " ") {
+      line = ""
+      while (match($0, /[:[][0-9][0-9][0-9][0-9]+/)) {
+        pid = substr($0, RSTART + 1, RLENGTH - 1)
+        if (!(pid in name)) name[pid] = "P" (++n)
+        if (name[pid] == want) { print pid; exit }
+        line = line substr($0, 1, RSTART) name[pid]
+        $0 = substr($0, RSTART + RLENGTH)
+      }
+      # The facility is daemon: a priority of 24 and the level.
+      split("err warning notice info debug", level)
+      if (want == "") print level[substr(line $0, 1, 2) - 26] substr(line $0, 3)
+    }' "$log"
+}
+
+# expect LINE...: the daemon's next lines are these, in order ([ and ] stand for
+# themselves; ?, * and @(a|b) are patterns).
+expect() {
+  expected=$(printf '%s\n' "expected next:" "$@")
+  local want
+  want=$(printf '%s\n' "$@")
+  want=${want//\[/\\[}
+  poll lines_came $((seen + $#))
+  [[ $(transcript | tail -n "+$((seen + 1))" | head -n $#) == ${want//\]/\\]} ]] ||
+    fail "other lines came"
+  seen=$((seen + $#))
+}
+lines_came() { (($(transcript | wc -l) >= $1)); }
+
+# Everything the daemon logged so far has come, and nothing but what was expected.
+flush() {
+  flushes=$((flushes + 1))
+  echo "flush $flushes" | socat -u - UNIX-SENDTO:/dev/log
+  poll grep -qx "flush $flushes" "$log"
+  [ "$(transcript | wc -l)" = "$seen" ] || fail "other lines came"
+}
+
+# play: runs the script on its standard input ("#" starts a comment), then flushes.
+play() {
+  local line want=()
+  while IFS= read -r line; do
+    if [[ $line == \#* ]]; then
+      continue
+    elif [[ $line == " "* ]]; then
+      want+=("${line#  }")
+    else
+      expect "${want[@]}"
+      want=()
+      $line || fail "$line"
+    fi
+  done
+  expect "${want[@]}"
+  flush
+}
+
+# fresh [FILE...]: a new base directory, made the current one, with the fake programs
+# and these files (a trailing / makes a directory), its path $long bytes long if set;
+# the clock shows 10.
 fresh() {
-  base=$work/$((++bases)) && [ -z "${long:-}" ] || base+=/$(printf "%0$((255 - ${#base}))d" 0)
-  mkdir -p "$base"; clock 10; for f; do [[ $f == */ ]] && mkdir "$base/$f" || : >"$base/$f"; done
-  cp "$tests/child.sh" "$base/Morvane.exe"; cp "$tests/child.sh" "$base/MorvaneHL7.exe"
+  base=$(mktemp -d -p "$work")
+  [ -z "${long:-}" ] || base+=/$(printf "%0$((long - ${#base} - 1))d" 0)
+  mkdir -p "$base"
+  cd "$base"
+  for file; do
+    [[ $file == */ ]] && mkdir "$file" || : >"$file"
+  done
+  cp "$tests/child.sh" Morvane.exe
+  cp "$tests/child.sh" MorvaneHL7.exe
+  clock 10
 }
-# run [ARG...]: morvaned in the base directory, after $setup there
-run() { (cd "$base" && eval "${setup:-}" && MORVANED_TEST_CLOCK=$base/clock LD_PRELOAD=$preload exec "$binary" "$@" >"$base.out") & daemon=$! seen=0; }
 
-startup() {  # each failed start: its status, its line between start and stop, its echo
-  local stop=("29 Stopping daemon [D]...")
-  while IFS='|' read -r status setup args line echo; do
-    fresh a.INI && eval "line=\"$line\" echo=\"$echo\"" && run $(eval echo "$args") && got=0 && wait "$daemon" || got=$?
-    [ $got = "$status" ] || fail "exit status $got, not $status"
-    step flush "29 Starting daemon [D]..." ${line:+"$line"} "${stop[@]:0:status != 143}"
-    [ "$(cat "$base.out"; ls "$base/pid" "$base/started" 2>/dev/null; echo .)" = "${echo:+$echo$'\n'}." ] || fail "echo or files"
-  done <<'EOF'
-1|||31 Usage: $binary --pidfile=FILE|
-1||--pidfile=|31 Usage: $binary --pidfile=FILE|
-1|cd ..|--basedir=$base --pidfile=$base/pid|31 Usage: $binary --pidfile=FILE|non-option ARGV elements: --pidfile=$base/pid |
-255|rm Morvane.exe||27 Morvane.exe does not exist or not an executable file|
-253||--pidfile=$base/no/pid|27 Cannot open PIDFILE: $base/no/pid|
-254|export MORVANED_TEST_TERM=fail|--pidfile=$base/pid|27 Cannot install SIGTERM handler: 22|
-143|export MORVANED_TEST_TERM=early|--pidfile=$base/pid||
+# Actions, and checks for play and the cases.
+# run [ARG...]: morvaned, started in the current directory; its output in $base.out
+run() {
+  MORVANED_TEST_CLOCK=$base/clock LD_PRELOAD=$preload "${memcheck[@]}" "$binary" "$@" \
+    >"$base.out" &
+  daemon=$!
+  seen=0
+}
+# A sanitized daemon cannot run under valgrind.
+use_memcheck() { [ -n "${ASAN_OPTIONS:-}" ] || memcheck=(valgrind -q --error-exitcode=99); }
+clock() { touch -d "@$1" "$base/clock"; }
+pid() { transcript "$1"; }
+# end P STATUS: the fake child P exits with STATUS.
+end() { echo "$2" >"$base/exit.$(pid "$1")"; }
+# signal SIGNAL P: sends SIGNAL to P.
+signal() { kill "-$1" "$(pid "$2")"; }
+waiting() { grep -q do_wait "/proc/$daemon/wchan"; }
+# ended STATUS: the daemon has exited with STATUS and left no PID file.
+ended() {
+  local status=0
+  wait "$daemon" || status=$?
+  [ "$status" = "$1" ] && [ ! -e "$base/pid" ]
+}
+# dead P...: each P has ended; alive P...: none has.
+dead() { for p; do poll gone "$p"; done; }
+alive() { for p; do ! gone "$p" || fail "$p has ended"; done; }
+gone() { [[ $(ps -o stat= -p "$(pid "$1")") == ?(Z*) ]]; }
+# The daemon holds its three standard descriptors and its log socket, nothing else.
+holds_only_its_log() {
+  [ "$(ls "/proc/$daemon/fd" | xargs)" = "0 1 2 3" ]
+}
+# Instance names in the order the base directory lists them.
+listed() { ls -f | sed -n 's/\.[iI][nN][iI]$//p'; }
+
+# Each failed start: its exit status, its one line between start and stop, its echo.
+startup() {
+  local usage="debug Usage: $binary --pidfile=FILE" status setup term args echo line
+  # STATUS|SETUP|MORVANED_TEST_TERM|ARGUMENTS|ECHO|LINE
+  while IFS='|' read -r status setup term args echo line; do
+    fresh a.INI sub/
+    $setup
+    MORVANED_TEST_TERM=$term run $args
+    ended "$status" || fail "exit status or PID file, not $status"
+    expect "notice Starting daemon [D]..." ${line:+"$line"}
+    # SIGTERM before the handler is in: the daemon ends without its stop line.
+    [ "$status" = 143 ] || expect "notice Stopping daemon [D]..."
+    flush
+    [ "$(cat "$base.out")" = "$echo" ] && [ ! -e "$base/started" ] || fail "echo or a child"
+    memcheck=()
+  done <<EOF
+1|use_memcheck||||$usage
+1|||--pidfile=||$usage
+1|cd sub||--basedir=.. --pidfile=pid|non-option ARGV elements: --pidfile=pid |$usage
+255|chmod -x Morvane.exe||||err Morvane.exe does not exist or not an executable file
+253|||--pidfile=no/pid||err Cannot open PIDFILE: no/pid
+254||fail|-p pid||err Cannot install SIGTERM handler: 22
+143||early|-p pid||
 EOF
 }
 
-discovery() {  # instance files of any case, in listing order; how each server is run
-               # (from a base directory too long for the path buffer: by relative path)
-  long=1 fresh alpha.INI Beta.ini gamma.Ini notes.txt x.INI.bak INI a.INI a.ini .ini 'with space.ini' archive.ini/
-  rm "$base/MorvaneHL7.exe"  # servers only
-  local lines=("29 Starting daemon [D]...") started=() name
-  while IFS= read -r name; do
-    lines+=("29 Starting Server $name:P${#lines[@]}...") started+=("./Morvane.exe [$name] none blocked")
-  done < <(listed)
-  step 'run --pidfile=$base/pid' "${lines[@]}"
-  poll '[ "$(sort "$base/started" | sed "s/SigBlk:\t0*$/none blocked/")" = "$(printf "%s\n" "${started[@]}" | sort)" ]'; step flush
+# Instance files of any case, in listing order; how each server runs; the daemon's
+# descriptors. A base directory path of 256 bytes is too long for the path buffer, so the
+# programs run as ./Morvane.exe.
+discovery() {
+  long=256 fresh alpha.INI Beta.ini gamma.Ini notes.txt x.INI.bak INI a.INI a.ini .ini \
+    'with space.ini' archive.ini/
+  rm MorvaneHL7.exe
+  play <<EOF
+run -p pid
+  notice Starting daemon [D]...
+$(listed | awk '{ print "  notice Starting Server " $0 ":P" NR "..." }')
+holds_only_its_log
+poll run_as_listed
+EOF
 }
+# Each server ran as ./Morvane.exe with its instance's name.
+run_as_listed() { [ "$(sort started)" = "$(listed | sed 's|.*|./Morvane.exe [&]|' | sort)" ]; }
 
-restarts() {  # each end decoded and its child alone replaced, at once or after the brake
-  fresh a.INI
-  step 'run -p "$base/pid" extra' "29 Starting daemon [D]..." "29 Starting Server a:P1..." "29 Starting HL-7 Listener a:P2..."
-  [ "$(cat "$base/pid" "$base.out")" = "$daemon"$'\n'"non-option ARGV elements: extra " ] || fail "PID file or echo"
-  # The first restart, or one 10 s after the last, at once; one 9 s after, or after a
-  # clock set back, only after 30 s; a restart is stamped after its sleep.
-  step 'end P1 3' "28 Server a:P1 exited with status [3]" "29 Starting Server a:P3..." "31 unlock failed"
-  step 'clock 20; kill -KILL $(pid P2)' "28 HL-7 Listener a:P2 killed by signal [9]" "29 Starting HL-7 Listener a:P4..." "31 unlock failed"
-  step 'clock 29; kill -SEGV $(pid P3)' "28 Server a:P3 killed by signal [11]" "30 sleep 30"
-  step 'clock 59' "29 Starting Server a:P5..." "31 unlock failed"
-  step 'clock 68; kill -STOP $(pid P5)' "28 Server a:P5 stopped by signal [19]" "30 sleep 30"
-  step 'kill -CONT $(pid P5); clock 98' "29 Starting Server a:P6..." "31 unlock failed"
-  step 'end P5 4' "28 Unknown child process [P5] exited with status [4]"
-  # A program that cannot be run: its child carries on as a silent copy of the daemon.
-  rm "$base/MorvaneHL7.exe" && mkdir "$base/MorvaneHL7.exe"
-  step 'clock 108; end P4 0' "28 HL-7 Listener a:P4 exited with status [0]" "29 Starting HL-7 Listener a:P7..." "31 unlock failed"
-  step 'clock 50; kill $(pid P6)' "28 Server a:P6 killed by signal [15]" "30 sleep 30"
-  # SIGTERM cuts the sleep short; the replacement decided on still starts.
-  step 'kill $daemon' "29 Stopping HL-7 Listener a:P7..." "29 Starting Server a:P8..." "31 unlock failed" "29 Stopping daemon [D]..."
-  wait "$daemon" && [ ! -e "$base/pid" ] || fail "exit status or PID file left"; dead P7; alive P8; step flush
-  ! grep -v "MORVANE\[$daemon\]\|unlock failed" "$log" | grep MORVANE || fail "a copy logged"
-  ! grep -v "^$base/Morvane\(HL7\)\?\.exe \[a\] SigBlk:.0*$" "$base/started" || fail "a child not run by its full path"
+# Each end decoded and its child alone replaced, at once or after the brake. A base
+# directory path of 255 bytes, the longest the path buffer holds.
+restarts() {
+  long=255 fresh a.INI
+  play <<'EOF'
+run -p pid extra
+  notice Starting daemon [D]...
+  notice Starting Server a:P1...
+  notice Starting HL-7 Listener a:P2...
+pid_file_and_echo
+# The first restart, and one 10 s after the last, come at once.
+end P1 3
+  warning Server a:P1 exited with status [3]
+  notice Starting Server a:P3...
+  debug unlock failed
+clock 20
+signal KILL P2
+  warning HL-7 Listener a:P2 killed by signal [9]
+  notice Starting HL-7 Listener a:P4...
+  debug unlock failed
+# One 9 s after the last, or after the clock was set back, waits 30 s, and is stamped
+# after that sleep.
+clock 29
+signal SEGV P3
+  warning Server a:P3 killed by signal [11]
+  info sleep 30
+clock 59
+  notice Starting Server a:P5...
+  debug unlock failed
+clock 68
+signal STOP P5
+  warning Server a:P5 stopped by signal [19]
+  info sleep 30
+# A stopped child is forgotten.
+signal CONT P5
+clock 98
+  notice Starting Server a:P6...
+  debug unlock failed
+end P5 4
+  warning Unknown child process [P5] exited with status [4]
+# A child whose program cannot run carries on as a silent copy of the daemon.
+unrunnable MorvaneHL7.exe
+clock 108
+end P4 0
+  warning HL-7 Listener a:P4 exited with status [0]
+  notice Starting HL-7 Listener a:P7...
+  debug unlock failed
+clock 50
+signal TERM P6
+  warning Server a:P6 killed by signal [15]
+  info sleep 30
+# SIGTERM cuts the sleep short; the replacement decided on still starts, and lives on.
+signal TERM D
+  notice Stopping HL-7 Listener a:P7...
+  notice Starting Server a:P8...
+  debug unlock failed
+  notice Stopping daemon [D]...
+ended 0
+dead P7
+alive P8
+EOF
+  # The copy P7 logs nothing of its own; every child ran by its full path.
+  ! grep -a MORVANE "$log" | grep -v "MORVANE\[$daemon\]\|unlock failed" || fail "a copy"
+  ! grep -v "^$base/Morvane\(HL7\)\?\.exe \[a\]$" started || fail "started"
 }
+pid_file_and_echo() {
+  [ "$(cat pid "$base.out")" = "$daemon"$'\n'"non-option ARGV elements: extra " ]
+}
+# unrunnable PROGRAM: PROGRAM passes the test for an executable file but cannot be run.
+unrunnable() { rm "$1" && mkdir "$1"; }
 
-pass() {  # SIGTERM just after launch k of the start-up pass, or while the daemon waits (k=7):
-          # the children listed by then are stopped, servers first, and later ones live on
-  for k in $(shuf -i 2-7) $(shuf -rn "${MORVANED_TEST_RUNS:-0}" -i 2-7); do
-    fresh a.INI b.INI c.INI && set -- $(listed) && local lines=("29 Starting daemon [D]...") stops=() n=0 name
-    for name; do lines+=("29 Starting Server $name:P$((++n))..." "29 Starting HL-7 Listener $name:P$((++n))..."); done
-    for ((n = 1; n < k; n += 2)); do stops+=("29 Stopping Server ${@:(n + 1) / 2:1}:P$n..."); done  # servers first
-    for ((n = 2; n < k; n += 2)); do stops+=("29 Stopping HL-7 Listener ${@:n / 2:1}:P$n..."); done
-    step 'MORVANED_TEST_TERM=$k run --pidfile=$base/pid; ((k < 7)) || { poll "grep -q do_wait /proc/$daemon/wchan"; kill $daemon; }' \
-      "${lines[@]:0:k+1}" "${stops[@]}" "${lines[@]:k+1}" "28 @(Server|HL-7 Listener) ?:P? killed by signal [9]" "31 unlock failed" "29 Stopping daemon [D]..."
-    wait "$daemon" || fail "exit status $?"; dead $(seq -f P%g $((k - 1))); alive $(seq -f P%g "$k" 6); step flush
+# SIGTERM just after launch k of the start-up pass (k=5: while the daemon waits): the
+# children listed by then are stopped, servers first; those started later live on.
+pass() {
+  local started=("notice Starting Server a:P1..." "notice Starting HL-7 Listener a:P2..."
+    "notice Starting Server a:P3..." "notice Starting HL-7 Listener a:P4...") k n
+  for k in $(shuf -i 2-5) $(shuf -rn "${MORVANED_TEST_RUNS:-0}" -i 2-5); do
+    local stopped=()
+    for n in 0 2 1 3; do
+      ((n >= k - 1)) || stopped+=("${started[n]/Starting/Stopping}")
+    done
+    fresh a.INI a.ini
+    MORVANED_TEST_TERM=$k run -p pid
+    [ "$k" != 5 ] || poll waiting
+    [ "$k" != 5 ] || kill "$daemon"
+    expect "notice Starting daemon [D]..." "${started[@]:0:k}" "${stopped[@]}" \
+      "${started[@]:k}" "warning @(Server|HL-7 Listener) a:P? killed by signal [9]" \
+      "debug unlock failed" "notice Stopping daemon [D]..."
+    ended 0 || fail "exit status or PID file"
+    dead $(seq -f P%g $((k - 1)))
+    alive $(seq -f P%g "$k" 4)
+    flush
   done
 }
 
-soak() {  # many deaths ($MORVANED_TEST_DEATHS): the daemon's memory and descriptors stay flat
-  fresh 0.INI && rm "$base/MorvaneHL7.exe" && printf '#!/bin/sh\n' >"$base/Morvane.exe"
-  MORVANED_TEST_SOAK=1 run --pidfile="$base/pid" && local n=${MORVANED_TEST_DEATHS:-1000} use=()
-  for deaths in 100 "$n"; do  # the daemon's resident KiB and descriptors (but the preload's files)
-    poll '(($(grep -c exited "$log") > deaths))' $((deaths / 10 + 10))
-    use+=($(awk '/VmRSS/ { print $2 }' "/proc/$daemon/status") $(ls -l "/proc/$daemon/fd" | grep -vEc 'clock|pids'))
+# Many deaths ($MORVANED_TEST_DEATHS): the daemon's memory and descriptors stay flat.
+soak() {
+  fresh 0.INI
+  rm MorvaneHL7.exe
+  echo '#!/bin/sh' >Morvane.exe
+  MORVANED_TEST_SOAK=1 run -p pid
+  local deaths rss=()
+  for deaths in 100 "${MORVANED_TEST_DEATHS:-1000}"; do
+    limit=$((deaths / 10 + 10)) poll deaths_over "$deaths"
+    rss+=("$(ps -o rss= -p "$daemon")")
   done
-  ((use[2] <= use[0] + 64 && use[3] == use[1])) || fail "RSS (KiB) and descriptors from ${use[*]:0:2} to ${use[*]:2}"
+  ((rss[1] <= rss[0] + 64)) && holds_only_its_log || fail "RSS (KiB) ${rss[*]} or descriptors"
 }
+deaths_over() { (($(grep -c exited "$log") > $1)); }
 
+# Descriptors that the caller left open would be the daemon's too (255 is this script).
+for fd in $(ls "/proc/$$/fd"); do
+  ((fd < 3 || fd == 255)) || exec {fd}>&-
+done
+# A /dev of its own, else /dev/log would be the host's.
+"$tests/../scripts/private-dev"
+echo 999 >/proc/sys/kernel/ns_last_pid
+# Cores only where they land in the base directory.
+[[ $(</proc/sys/kernel/core_pattern) == [!\|/]* ]] && ulimit -c unlimited || ulimit -c 0
+work=$(mktemp -d)
+log=$work/log
+# As pid 1 of its namespace, this script ends every process left in it.
+trap '[ $$ != 1 ] || kill -KILL -1; rm -rf "$work"' EXIT
+socat -u UNIX-RECV:/dev/log OPEN:"$log",creat,append &
+poll test -S /dev/log
 "$case"
