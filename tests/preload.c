@@ -2,6 +2,7 @@
 // - time() is the modification time of the file $MORVANED_TEST_CLOCK, which the test sets;
 //   sleep(N) logs "sleep N" and lasts until that clock has moved N seconds on, or until a
 //   signal handler has run (with $MORVANED_TEST_SOAK it returns at once).
+// - fork() adds the pid of each child to the file "pids".
 // - $MORVANED_TEST_TERM sends SIGTERM "early", just before the handler is installed, or
 //   just after fork number N; "fail" makes installing the handler fail.
 // - An unlock that fails logs "unlock failed"; a syslog call that the SIGTERM handler
@@ -12,6 +13,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/select.h>
@@ -69,7 +71,11 @@ __sighandler_t signal(int number, __sighandler_t handler) {
 pid_t fork(void) {
   static int forks;
   pid_t pid = REAL(fork)();
-  if (pid > 0 && ++forks == atoi(TERM)) kill(getpid(), SIGTERM);
+  if (pid <= 0) return pid;
+  FILE* pids = fopen("pids", "a");
+  fprintf(pids, "%d\n", pid);
+  fclose(pids);
+  if (++forks == atoi(TERM)) kill(getpid(), SIGTERM);
   return pid;
 }
 

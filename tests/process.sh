@@ -4,9 +4,8 @@
 # private pid and mount namespaces where /dev/log is a socket this script reads; every
 # process a case starts ends with its namespace.
 #
-# The daemon's lines are read as "LEVEL TEXT", its pid written D and the other pids P1,
-# P2... in the order they first appear: its children, in the order it started them. A
-# case is a script for play: a line is an action, a function below with its words; the
+# The daemon's lines are read as "LEVEL TEXT", its pid written D and its n-th child's Pn.
+# A case is a script for play: a line is an action, a function below with its words; the
 # indented lines after it are what the daemon logs next, all of them, in this order.
 #
 #   tests/process.sh MORVANED PRELOAD CASE
@@ -22,7 +21,6 @@ if [ -z "${MORVANED_TEST_INSIDE:-}" ]; then
   fi
   MORVANED_TEST_INSIDE=1 exec unshare "${flags[@]}" "$0" "$@"
 fi
-export LC_ALL=C
 seen=0 flushes=0 daemon= base= expected= memcheck=()
 
 fail() {
@@ -40,34 +38,21 @@ poll() {
   done
 }
 
-# The daemon's lines; with a name (D, Pn), the pid it stands for. A pid is a number of
-# four digits or more after ":" or "[" (here pids start at 1000).
 transcript() {
-  awk -v d="$daemon" -v want="${1:-}" 'BEGIN { name[d] = "D" }
-    sub("^<", "") && sub(">.* MORVANE\\[" d "\\]: ", " ") {
-      line = ""
-      while (match($0, /[:[][0-9][0-9][0-9][0-9]+/)) {
-        pid = substr($0, RSTART + 1, RLENGTH - 1)
-        if (!(pid in name)) name[pid] = "P" (++n)
-        if (name[pid] == want) { print pid; exit }
-        line = line substr($0, 1, RSTART) name[pid]
-        $0 = substr($0, RSTART + RLENGTH)
-      }
-      # The facility is daemon: a priority of 24 and the level.
-      split("err warning notice info debug", level)
-      if (want == "") print level[substr(line $0, 1, 2) - 26] substr(line $0, 3)
-    }' "$log"
+  sed -n "s/^<\([0-9]*\)>.* MORVANE\[$daemon\]: /\1 /p" "$log" |
+    sed -f <(awk '{ print "s/\\([:[]\\)" $1 "\\b/\\1P" NR "/g" }' "$base/pids" 2>/dev/null) \
+      -e "s/\[$daemon\]/[D]/; s/^27/err/; s/^28/warning/; s/^29/notice/; s/^30/info/; s/^31/debug/"
 }
 
-# expect LINE...: the daemon's next lines are these, in order ([ and ] stand for
-# themselves; ?, * and @(a|b) are patterns).
+# expect LINE...: the daemon's next lines are these ([ and ] stand for themselves; ?, *
+# and @(a|b) are patterns). It fails as soon as as many lines came and they differ.
 expect() {
   expected=$(printf '%s\n' "expected next:" "$@")
   local want
   want=$(printf '%s\n' "$@")
   want=${want//\[/\\[}
   poll lines_came $((seen + $#))
-  [[ $(transcript | tail -n "+$((seen + 1))" | head -n $#) == ${want//\]/\\]} ]] ||
+  [[ $(transcript | sed -n "$((seen + 1)),$((seen + $#))p") == ${want//\]/\\]} ]] ||
     fail "other lines came"
   seen=$((seen + $#))
 }
@@ -115,21 +100,19 @@ fresh() {
   clock 10
 }
 
-# Actions, and checks for play and the cases.
-# run [ARG...]: morvaned, started in the current directory; its output in $base.out
+# The actions. run [ARG...]: morvaned in the current directory, its output in $base.out
 run() {
   MORVANED_TEST_CLOCK=$base/clock LD_PRELOAD=$preload "${memcheck[@]}" "$binary" "$@" \
     >"$base.out" &
   daemon=$!
   seen=0
 }
-# A sanitized daemon cannot run under valgrind.
+# The next run under valgrind's memcheck, which cannot run a sanitized daemon.
 use_memcheck() { [ -n "${ASAN_OPTIONS:-}" ] || memcheck=(valgrind -q --error-exitcode=99); }
 clock() { touch -d "@$1" "$base/clock"; }
-pid() { transcript "$1"; }
+pid() { [ "$1" = D ] && echo "$daemon" || sed -n "${1#P}p" "$base/pids"; }
 # end P STATUS: the fake child P exits with STATUS.
 end() { echo "$2" >"$base/exit.$(pid "$1")"; }
-# signal SIGNAL P: sends SIGNAL to P.
 signal() { kill "-$1" "$(pid "$2")"; }
 waiting() { grep -q do_wait "/proc/$daemon/wchan"; }
 # ended STATUS: the daemon has exited with STATUS and left no PID file.
@@ -143,9 +126,7 @@ dead() { for p; do poll gone "$p"; done; }
 alive() { for p; do ! gone "$p" || fail "$p has ended"; done; }
 gone() { [[ $(ps -o stat= -p "$(pid "$1")") == ?(Z*) ]]; }
 # The daemon holds its three standard descriptors and its log socket, nothing else.
-holds_only_its_log() {
-  [ "$(ls "/proc/$daemon/fd" | xargs)" = "0 1 2 3" ]
-}
+holds_only_its_log() { [ "$(ls "/proc/$daemon/fd" | xargs)" = "0 1 2 3" ]; }
 # Instance names in the order the base directory lists them.
 listed() { ls -f | sed -n 's/\.[iI][nN][iI]$//p'; }
 
