@@ -4,9 +4,10 @@
 # private pid and mount namespaces where /dev/log is a socket this script reads; every
 # process a case starts ends with its namespace.
 #
-# The daemon's lines are read as "LEVEL TEXT", its pid written D and its n-th child's Pn.
-# A case is a script for play: a line is an action, a function below with its words; the
-# indented lines after it are what the daemon logs next, all of them, in this order.
+# The daemon's lines are read as "PRIORITY TEXT" (27 err, 28 warning, 29 notice, 30 info:
+# the test clock's sleep, 31 debug), its pid written D and its n-th child's Pn. A case is a
+# script for play: a line is an action, a function below with its words; the indented
+# lines after it are what the daemon logs next, all of them, in this order.
 #
 #   tests/process.sh MORVANED PRELOAD CASE
 set -euo pipefail
@@ -14,10 +15,10 @@ binary=$1 preload=$2 case=$3 tests=$(cd "$(dirname "$0")" && pwd)
 # As pid 1 of namespaces of its own, with a /dev of its own (else /dev/log would be the
 # host's), or else skipped.
 [ $$ = 1 ] || exec "$tests/../scripts/private-dev" "$0" "$@"
-seen=0 flushes=0 daemon= base= expected= memcheck=()
+seen=0 daemon= base=
 
 fail() {
-  printf 'FAIL %s: %s\n%s\nmorvaned logged:\n' "$case" "$1" "$expected"
+  printf 'FAIL %s: %s\nmorvaned logged:\n' "$case" "$1"
   transcript
   exit 1
 }
@@ -33,31 +34,22 @@ poll() {
 
 transcript() {
   sed -n "s/^<\([0-9]*\)>.* MORVANE\[$daemon\]: /\1 /p" "$log" |
-    sed -f <(awk '{ print "s/\\([:[]\\)" $1 "\\b/\\1P" NR "/g" }' "$base/pids" 2>/dev/null) \
-      -e "s/\[$daemon\]/[D]/; s/^27/err/; s/^28/warning/; s/^29/notice/; s/^30/info/; s/^31/debug/"
+    sed -f <(awk '{ print "s/\\b" $1 "\\b/P" NR "/g" }' "$base/pids" 2>/dev/null) \
+      -e "s/\[$daemon\]/[D]/"
 }
 
-# expect LINE...: the next lines the daemon logs are these, and so far no others ([ and ]
-# stand for themselves; ?, * and @(a|b) are patterns).
+# expect LINE...: the next lines the daemon logs are these, and no others ([ and ] stand
+# for themselves; ?, * and @(a|b) are patterns). Every case ends on the daemon's last line.
 expect() {
-  expected=$(printf '%s\n' "expected next:" "$@")
-  local want
-  want=$(printf '%s\n' "$@")
-  want=${want//\[/\\[}
-  poll next_lines_are "${want//\]/\\]}"
+  local pattern
+  pattern=$(printf '%s\n' "$@")
+  pattern=${pattern//\[/\\[}
+  poll next_lines_are "${pattern//\]/\\]}"
   seen=$((seen + $#))
 }
 next_lines_are() { [[ $(transcript | tail -n "+$((seen + 1))") == $1 ]]; }
 
-# Everything the daemon logged so far has come, and nothing but what was expected.
-flush() {
-  flushes=$((flushes + 1))
-  echo "flush $flushes" | socat -u - UNIX-SENDTO:/dev/log
-  poll grep -qx "flush $flushes" "$log"
-  [ "$(transcript | wc -l)" = "$seen" ] || fail "other lines came"
-}
-
-# play: runs the script on its standard input ("#" starts a comment), then flushes.
+# play: runs the script on its standard input ("#" starts a comment).
 play() {
   local line want=()
   while IFS= read -r line; do
@@ -72,76 +64,71 @@ play() {
     fi
   done
   expect "${want[@]}"
-  flush
 }
 
-# fresh [FILE...]: a new base directory, made the current one, with the fake programs
-# and these files (a trailing / makes a directory), its path $long bytes long if set;
-# the clock shows 10.
+# fresh FILE...: a new base directory, made the current one, with the fake programs and
+# these files, its path $long bytes long if set; the clock shows 10.
 fresh() {
   base=$(mktemp -d -p "$work")
   [ -z "${long:-}" ] || base+=/$(printf "%0$((long - ${#base} - 1))d" 0)
   mkdir -p "$base"
   cd "$base"
-  for file; do
-    [[ $file == */ ]] && mkdir "$file" || : >"$file"
-  done
+  touch "$@"
   cp "$tests/child.sh" Morvane.exe
-  cp "$tests/child.sh" MorvaneHL7.exe
+  cp Morvane.exe MorvaneHL7.exe
   clock 10
 }
 
 # The actions. run [ARG...]: morvaned in the current directory, its output in $base.out
 run() {
-  MORVANED_TEST_CLOCK=$base/clock LD_PRELOAD=$preload "${memcheck[@]}" "$binary" "$@" \
-    >"$base.out" &
+  MORVANED_TEST_CLOCK=$base/clock LD_PRELOAD=$preload "$binary" "$@" >"$base.out" &
   daemon=$!
   seen=0
 }
-# The next run under valgrind's memcheck, which cannot run a sanitized daemon.
-use_memcheck() { [ -n "${ASAN_OPTIONS:-}" ] || memcheck=(valgrind -q --error-exitcode=99); }
-clock() { touch -d "@$1" "$base/clock"; }
-pid() { [ "$1" = D ] && echo "$daemon" || sed -n "${1#P}p" "$base/pids"; }
+clock() { touch -d @$1 "$base/clock"; }
+pid() { [ $1 = D ] && echo $daemon || sed -n ${1#P}p "$base/pids"; }
 # end P STATUS: the fake child P exits with STATUS.
-end() { echo "$2" >"$base/exit.$(pid "$1")"; }
-signal() { kill "-$1" "$(pid "$2")"; }
-waiting() { grep -q do_wait "/proc/$daemon/wchan"; }
+end() { echo $2 >"$base/exit.$(pid $1)"; }
+signal() { kill -$1 $(pid $2); }
+waiting() { grep -q do_wait /proc/$daemon/wchan; }
 # ended STATUS: the daemon has exited with STATUS and left no PID file.
 ended() {
   local status=0
-  wait "$daemon" || status=$?
-  [ "$status" = "$1" ] && [ ! -e "$base/pid" ]
+  wait $daemon || status=$?
+  [ $status = $1 ] && [ ! -e "$base/pid" ] || fail "exit status $status or PID file"
 }
 # The daemon holds its three standard descriptors and its log socket, nothing else.
-holds_only_its_log() { [ "$(ls "/proc/$daemon/fd" | xargs)" = "0 1 2 3" ]; }
+holds_only_its_log() { [ "$(ls /proc/$daemon/fd | xargs)" = "0 1 2 3" ]; }
 # Instance names in the order the base directory lists them.
 listed() { ls -f | sed -n 's/\.[iI][nN][iI]$//p'; }
 
 # Each failed start: its exit status, its one line between start and stop, its echo.
 startup() {
-  local usage="debug Usage: $binary --pidfile=FILE" status setup term args echo line
+  local usage="31 Usage: $binary --pidfile=FILE" status setup term args echo line
   # STATUS|SETUP|MORVANED_TEST_TERM|ARGUMENTS|ECHO|LINE
   while IFS='|' read -r status setup term args echo line; do
-    fresh a.INI sub/
+    fresh a.INI
+    mkdir sub
     $setup
     MORVANED_TEST_TERM=$term run $args
-    ended "$status" || fail "exit status or PID file, not $status"
-    local last=("notice Stopping daemon [D]...")
+    ended $status
+    local last=("29 Stopping daemon [D]...")
     # SIGTERM before the handler is in: the daemon ends without its stop line.
-    [ "$status" != 143 ] || last=()
-    expect "notice Starting daemon [D]..." ${line:+"$line"} "${last[@]}"
-    flush
+    [ $status != 143 ] || last=()
+    expect "29 Starting daemon [D]..." ${line:+"$line"} "${last[@]}"
     [ "$(cat "$base.out")" = "$echo" ] || fail "echo"
-    memcheck=()
   done <<EOF
-1|use_memcheck||||$usage
-1|||--pidfile=||$usage
+1|||||$usage
 1|cd sub||--basedir=.. --pidfile=pid|non-option ARGV elements: --pidfile=pid |$usage
-255|chmod -x Morvane.exe||||err Morvane.exe does not exist or not an executable file
-253|||--pidfile=no/pid||err Cannot open PIDFILE: no/pid
-254||fail|-p pid||err Cannot install SIGTERM handler: 22
+255|chmod -x Morvane.exe||||27 Morvane.exe does not exist or not an executable file
+253|||--pidfile=no/pid||27 Cannot open PIDFILE: no/pid
+254||fail|-p pid||27 Cannot install SIGTERM handler: 22
 143||early|-p pid||
 EOF
+  # All it does up to the usage, its lock's set-up too, under valgrind's memcheck (which
+  # cannot run a sanitized daemon).
+  [ -n "${ASAN_OPTIONS:-}" ] || valgrind -q --error-exitcode=99 "$binary" || [ $? = 1 ] ||
+    fail "memcheck"
 }
 
 # Instance files of any case, in listing order; how each server runs; the daemon's
@@ -149,12 +136,13 @@ EOF
 # programs run as ./Morvane.exe.
 discovery() {
   long=256 fresh alpha.INI Beta.ini gamma.Ini notes.txt x.INI.bak INI a.INI a.ini .ini \
-    'with space.ini' archive.ini/
+    'with space.ini'
+  mkdir archive.ini
   rm MorvaneHL7.exe
   play <<EOF
 run -p pid
-  notice Starting daemon [D]...
-$(listed | awk '{ print "  notice Starting Server " $0 ":P" NR "..." }')
+  29 Starting daemon [D]...
+$(listed | awk '{ print "  29 Starting Server " $0 ":P" NR "..." }')
 holds_only_its_log
 poll run_as_listed
 EOF
@@ -167,75 +155,73 @@ run_as_listed() { [ "$(sort started)" = "$(listed | sed 's|.*|./Morvane.exe [&]|
 restarts() {
   long=255 fresh a.INI
   play <<'EOF'
-run -p pid extra
-  notice Starting daemon [D]...
-  notice Starting Server a:P1...
-  notice Starting HL-7 Listener a:P2...
-pid_file_and_echo
+run -p pid
+  29 Starting daemon [D]...
+  29 Starting Server a:P1...
+  29 Starting HL-7 Listener a:P2...
+holds_its_pid
 # The first restart, and one 10 s after the last, come at once.
 end P1 3
-  warning Server a:P1 exited with status [3]
-  notice Starting Server a:P3...
-  debug unlock failed
+  28 Server a:P1 exited with status [3]
+  29 Starting Server a:P3...
+  31 unlock failed
 clock 20
 signal KILL P2
-  warning HL-7 Listener a:P2 killed by signal [9]
-  notice Starting HL-7 Listener a:P4...
-  debug unlock failed
+  28 HL-7 Listener a:P2 killed by signal [9]
+  29 Starting HL-7 Listener a:P4...
+  31 unlock failed
 # One 9 s after the last, or after the clock was set back, waits 30 s, and is stamped
 # after that sleep.
 clock 29
 signal SEGV P3
-  warning Server a:P3 killed by signal [11]
-  info sleep 30
+  28 Server a:P3 killed by signal [11]
+  30 sleep 30
 clock 59
-  notice Starting Server a:P5...
-  debug unlock failed
+  29 Starting Server a:P5...
+  31 unlock failed
 clock 68
 signal STOP P5
-  warning Server a:P5 stopped by signal [19]
-  info sleep 30
+  28 Server a:P5 stopped by signal [19]
+  30 sleep 30
 # A stopped child is forgotten.
 signal CONT P5
 clock 98
-  notice Starting Server a:P6...
-  debug unlock failed
+  29 Starting Server a:P6...
+  31 unlock failed
 end P5 4
-  warning Unknown child process [P5] exited with status [4]
-# A child whose program cannot run carries on as a silent copy of the daemon.
+  28 Unknown child process [P5] exited with status [4]
+# A child whose program cannot run carries on as a copy of the daemon, until it is stopped.
 unrunnable MorvaneHL7.exe
 clock 108
 end P4 0
-  warning HL-7 Listener a:P4 exited with status [0]
-  notice Starting HL-7 Listener a:P7...
-  debug unlock failed
+  28 HL-7 Listener a:P4 exited with status [0]
+  29 Starting HL-7 Listener a:P7...
+  31 unlock failed
 clock 50
 signal TERM P6
-  warning Server a:P6 killed by signal [15]
-  info sleep 30
+  28 Server a:P6 killed by signal [15]
+  30 sleep 30
 # SIGTERM cuts the sleep short; the replacement decided on still starts.
 signal TERM D
-  notice Stopping HL-7 Listener a:P7...
-  notice Starting Server a:P8...
-  debug unlock failed
-  notice Stopping daemon [D]...
+  29 Stopping HL-7 Listener a:P7...
+  29 Starting Server a:P8...
+  31 unlock failed
+  29 Stopping daemon [D]...
 ended 0
 EOF
-  # The copy P7 logs nothing of its own; every child ran by its full path.
-  ! grep -a MORVANE "$log" | grep -v "MORVANE\[$daemon\]\|unlock failed" || fail "a copy"
+  # Every child ran by its full path.
   ! grep -v "^$base/Morvane\(HL7\)\?\.exe \[a\]$" started || fail "started"
 }
-pid_file_and_echo() {
-  [ "$(cat pid "$base.out")" = "$daemon"$'\n'"non-option ARGV elements: extra " ]
-}
+# The PID file holds the daemon's pid and a newline.
+holds_its_pid() { cmp -s pid <(echo $daemon); }
 # unrunnable PROGRAM: PROGRAM passes the test for an executable file but cannot be run.
 unrunnable() { rm "$1" && mkdir "$1"; }
 
 # SIGTERM just after launch k of the start-up pass (k=5: while the daemon waits): the
 # children listed by then are stopped, servers first; those started later live on.
 pass() {
-  local started=("notice Starting Server a:P1..." "notice Starting HL-7 Listener a:P2..."
-    "notice Starting Server a:P3..." "notice Starting HL-7 Listener a:P4...") k n
+  local started=("29 Starting Server a:P1..." "29 Starting HL-7 Listener a:P2..."
+    "29 Starting Server a:P3..." "29 Starting HL-7 Listener a:P4...") k n
   for k in $(shuf -i 2-5) $(shuf -rn "${MORVANED_TEST_RUNS:-0}" -i 2-5); do
     local stopped=()
     for n in 0 2 1 3; do
@@ -243,13 +229,14 @@ pass() {
     done
     fresh a.INI a.ini
     MORVANED_TEST_TERM=$k run -p pid
-    [ "$k" != 5 ] || poll waiting
-    [ "$k" != 5 ] || kill "$daemon"
-    expect "notice Starting daemon [D]..." "${started[@]:0:k}" "${stopped[@]}" \
-      "${started[@]:k}" "warning @(Server|HL-7 Listener) a:P? killed by signal [9]" \
-      "debug unlock failed" "notice Stopping daemon [D]..."
-    ended 0 || fail "exit status or PID file"
-    flush
+    if ((k == 5)); then
+      poll waiting
+      kill $daemon
+    fi
+    expect "29 Starting daemon [D]..." "${started[@]:0:k}" "${stopped[@]}" \
+      "${started[@]:k}" "28 @(Server|HL-7 Listener) a:P? killed by signal [9]" \
+      "31 unlock failed" "29 Stopping daemon [D]..."
+    ended 0
   done
 }
 
@@ -262,17 +249,13 @@ soak() {
   local deaths rss=()
   for deaths in 100 "${MORVANED_TEST_DEATHS:-1000}"; do
     limit=$((deaths / 10 + 10)) poll deaths_over "$deaths"
-    rss+=("$(ps -o rss= -p "$daemon")")
+    rss+=($(ps -o rss= -p $daemon))
   done
   ((rss[1] <= rss[0] + 64)) || fail "RSS (KiB) ${rss[*]}"
   poll holds_only_its_log
 }
 deaths_over() { (($(grep -c exited "$log") > $1)); }
 
-# Descriptors that the caller left open would be the daemon's too (255 is this script).
-for fd in $(ls "/proc/$$/fd"); do
-  ((fd < 3 || fd == 255)) || exec {fd}>&-
-done
 echo 999 >/proc/sys/kernel/ns_last_pid
 # No core files: the crash of a fake child is enough.
 ulimit -c 0
