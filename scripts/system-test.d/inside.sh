@@ -119,6 +119,7 @@ start_example_as_morvane() {
   [ "$(stat -c %U "/proc/$daemon")" = morvane ]
   [ "$(unit_users | wc -l)" -ge 3 ]
   [ "$(unit_users | sort -u)" = morvane ]
+  unit_has TasksMax 4096
 }
 
 exposure_at_most_2() {
@@ -161,7 +162,7 @@ application_works_in_sandbox() {
   [ "$reply" = hello ]
   poll 150 test -s "$base/lab.listener"
   [ "$(cat "$base/lab.listener")" = morvane ]
-  [ "$(stat -c %U:%a "$base/clinic.port")" = morvane:640 ]
+  [ "$(stat -c %U:%G:%a "$base/clinic.port")" = morvane:morvane:640 ]
 }
 
 # Outside the unit: one process of root's, one of another user's and one of morvane's.
@@ -236,6 +237,28 @@ purge_leaves_no_file() {
   unit_has LoadState not-found
   [ -z "$(find / -xdev -path /build -prune -o -name '*morvaned*' -print)" ]
   getent passwd morvane
+}
+
+# 0.1.0 ran the service as root. An upgrade leaves the running daemon as it is, as root, until
+# the operator restarts it.
+upgrade_leaves_daemon_running() {
+  rm -rf /build-0.1.0
+  mkdir -p /build-0.1.0/morvaned
+  cp -a /src-0.1.0/. /build-0.1.0/morvaned
+  cd /build-0.1.0/morvaned
+  dpkg-buildpackage -us -uc -b
+  dpkg -i /build-0.1.0/morvaned_0.1.0_*.deb
+  systemctl start morvaned
+  local daemon
+  daemon=$(unit_property MainPID)
+  [ "$(stat -c %U "/proc/$daemon")" = root ]
+  dpkg -i /build/morvaned_0.2.0_*.deb
+  unit_has MainPID "$daemon"
+  [ "$(stat -c %U "/proc/$daemon")" = root ]
+  unit_has User morvane
+  systemctl restart morvaned
+  [ "$(stat -c %U "/proc/$(unit_property MainPID)")" = morvane ]
+  dpkg --purge morvaned
 }
 
 "$@"
