@@ -60,11 +60,12 @@ status_text() {
   systemctl status --no-pager morvaned || true
 }
 
-# give_to_service: what README.md tells the operator to run once the application is in place.
+# give_to_service [DIR]: what README.md tells the operator to run once the application is in
+# its base directory DIR (/srv/morvane).
 give_to_service() {
-  chgrp -R morvane "$base/"
-  chmod -R g+rX "$base/"
-  chmod g+w "$base/"
+  chgrp -R morvane "${1:-$base}/"
+  chmod -R g+rX "${1:-$base}/"
+  chmod g+w "${1:-$base}/"
 }
 
 system_running() {
@@ -163,6 +164,52 @@ application_works_in_sandbox() {
   poll 150 test -s "$base/lab.listener"
   [ "$(cat "$base/lab.listener")" = morvane ]
   [ "$(stat -c %U:%G:%a "$base/clinic.port")" = morvane:morvane:640 ]
+}
+
+# The drop-ins of morvaned(8): another base directory, a port below 1024 and more tasks.
+write_dropins() {
+  mkdir -p $dropins
+  cat >$dropins/base.conf <<'EOF'
+[Service]
+WorkingDirectory=/opt/morvane
+ReadWritePaths=/opt/morvane
+ExecStartPre=
+ExecStartPre=/usr/bin/test -x /opt/morvane/Morvane.exe
+EOF
+  cat >$dropins/port.conf <<'EOF'
+[Service]
+AmbientCapabilities=CAP_NET_BIND_SERVICE
+CapabilityBoundingSet=CAP_NET_BIND_SERVICE
+PrivateUsers=no
+EOF
+  cat >$dropins/tasks.conf <<'EOF'
+[Service]
+TasksMax=8192
+EOF
+  # The test's server program takes its port from the environment.
+  printf '[Service]\nEnvironment=PORT=80\n' >$dropins/test-port.conf
+  systemctl daemon-reload
+}
+
+# One instance in /opt/morvane, whose server listens on port 80.
+dropins_grant_base_port_tasks() {
+  systemctl stop morvaned
+  mkdir /opt/morvane
+  cp "$base/clinic.INI" "$base/Morvane.exe" "$base/MorvaneHL7.exe" /opt/morvane
+  give_to_service /opt/morvane
+  write_dropins
+  systemctl start morvaned
+  poll 150 test -s /opt/morvane/clinic.port
+  [ "$(cat /opt/morvane/clinic.port)" = 80 ]
+  exec 3<>/dev/tcp/127.0.0.1/80
+  local reply
+  read -r reply <&3
+  [ "$reply" = hello ]
+  unit_has TasksMax 8192
+  systemd-analyze security morvaned | tail -n 1
+  systemctl stop morvaned
+  rm -r $dropins /opt/morvane
+  systemctl daemon-reload
 }
 
 # Outside the unit: one process of root's, one of another user's and one of morvane's.

@@ -1,8 +1,10 @@
 // A Morvane server program for the system test, as an ELF binary: listens on
-// a TCP port of the loopback address, writes that port to NAME.port in its
-// working directory, and answers "hello" to each connection until killed.
+// the TCP port $PORT (any free one without it) of the loopback address,
+// writes that port to NAME.port in its working directory, and answers
+// "hello" to each connection until killed.
 #include <arpa/inet.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,6 +13,7 @@ int main(int argc, char** argv) {
   int server = socket(AF_INET, SOCK_STREAM, 0);
   struct sockaddr_in address = {.sin_family = AF_INET};
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(atoi(getenv("PORT") ?: "0"));
   socklen_t size = sizeof address;
   if (bind(server, (struct sockaddr*)&address, size) || listen(server, 8) ||
       getsockname(server, (struct sockaddr*)&address, &size)) {
