@@ -184,7 +184,7 @@ PrivateUsers=no
 EOF
   cat >$dropins/tasks.conf <<'EOF'
 [Service]
-TasksMax=8192
+TasksMax=16384
 EOF
   # The test's server program takes its port from the environment.
   printf '[Service]\nEnvironment=PORT=80\n' >$dropins/test-port.conf
@@ -205,7 +205,7 @@ dropins_grant_base_port_tasks() {
   local reply
   read -r reply <&3
   [ "$reply" = hello ]
-  unit_has TasksMax 8192
+  unit_has TasksMax 16384
   systemd-analyze security morvaned | tail -n 1
   systemctl stop morvaned
   rm -r $dropins /opt/morvane
