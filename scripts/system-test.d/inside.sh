@@ -68,8 +68,10 @@ give_to_service() {
   chmod g+w "${1:-$base}/"
 }
 
+# Also logs the container's cgroup layout: cgroup2fs (v2) or tmpfs (hybrid).
 system_running() {
   systemctl is-system-running --wait
+  stat -fc %T /sys/fs/cgroup
 }
 
 build_package() {
