@@ -18,7 +18,7 @@ binary=$1 preload=$2 case=$3 tests=$(cd "$(dirname "$0")" && pwd)
 seen=0 daemon= base=
 
 fail() {
-  printf 'FAIL %s: %s\nmorvaned logged:\n' "$case" "$1"
+  echo "FAIL $case: $1; morvaned logged:"
   transcript
   exit 1
 }
@@ -156,11 +156,11 @@ run_as_listed() { [ "$(sort started)" = "$(listed | sed 's|.*|./Morvane.exe [&]|
 restarts() {
   long=255 fresh a.INI
   play <<'EOF'
-run -p pid
+run -p pid extra
   29 Starting daemon [D]...
   29 Starting Server a:P1...
   29 Starting HL-7 Listener a:P2...
-holds_its_pid
+told
 # The first restart, and one 10 s after the last, come at once.
 end P1 3
   28 Server a:P1 exited with status [3]
@@ -216,8 +216,10 @@ EOF
   ! grep -av "MORVANE\[$daemon\]: \|: unlock failed" "$log" || fail "a copy"
   ! grep -v "^$base/Morvane" started || fail "started"
 }
-# The PID file holds the daemon's pid and a newline.
-holds_its_pid() { cmp -s pid <(echo $daemon); }
+# The PID file holds the pid and a newline; the echo of what followed -p pid is out at once.
+told() {
+  cmp -s pid <(echo $daemon) && cmp -s "$base.out" <(echo "non-option ARGV elements: extra ")
+}
 # unrunnable PROGRAM: PROGRAM passes the test for an executable file but cannot be run.
 unrunnable() { rm "$1" && mkdir "$1"; }
 
