@@ -39,7 +39,7 @@ transcript() {
 }
 
 # expect LINE...: the next lines the daemon logs are these, and no others ("[" stands for
-# itself; ? and * are patterns). Every case ends on the daemon's last line.
+# itself; ? and @(A|B) are patterns). Every case ends on the daemon's last line.
 expect() {
   local pattern
   pattern=$(printf '%s\n' "$@")
@@ -240,7 +240,7 @@ pass() {
       kill $daemon
     fi
     expect "29 Starting daemon [D]..." "${started[@]:0:k}" "${stopped[@]}" \
-      "${started[@]:k}" "28 * a:P? killed by signal [9]" \
+      "${started[@]:k}" "28 @(Server|HL-7 Listener) a:P? killed by signal [9]" \
       "31 unlock failed" "29 Stopping daemon [D]..."
     ended 0
   done
