@@ -109,8 +109,10 @@ start_without_base_fails_once() {
   status_text | grep -F /srv/morvane/Morvane.exe
 }
 
+# The base directory is a symbolic link to the installation, as the README allows.
 start_example_as_morvane() {
-  cp -a /src/examples "$base"
+  cp -a /src/examples /srv/example
+  ln -s /srv/example "$base"
   give_to_service
   systemctl start morvaned
   local daemon
