@@ -14,7 +14,7 @@ set -euo pipefail
 binary=$1 preload=$2 case=$3 tests=$(cd "$(dirname "$0")" && pwd)
 # As pid 1 of namespaces of its own, with a /dev of its own (else /dev/log would be the
 # host's), or else skipped.
-[ $$ = 1 ] || exec "$tests/../scripts/private-dev" "$0" "$@"
+[ $$ = 1 ] || exec "$tests/private-dev" "$0" "$@"
 seen=0 daemon= base=
 
 fail() {
