@@ -1,10 +1,13 @@
 #!/usr/bin/env python3
 """Benchmark of morvaned against the floor and the usual supervisors.
 
-Run by bench/run, as pid 1 of private mount and pid namespaces whose /dev/log
-is a socket read by bench/sink.c, so that morvaned logs at its true cost. Every
-supervisor runs the same static child (bench/child.c), which records when it
-started; each measurement is taken from those records and from /proc:
+Run by bench/run through tests/private-dev, as pid 1 of private mount and pid
+namespaces with a /dev of their own, where /dev/log is a socket read by
+bench/sink.c, so that morvaned logs at its true cost. In that mount namespace
+the bench lays the peers bench/run unpacked (BUILD_DIR/peers) over /usr and
+keeps its files on a tmpfs (BUILD_DIR/work): nothing is written on the host.
+Every supervisor runs the same static child (bench/child.c), which records
+when it started; each measurement is taken from those records and from /proc:
 
   start-up   launch of the supervisor to the last of N children started
   memory     RSS, PSS and anonymous memory of the supervising processes
@@ -91,11 +94,32 @@ def supervisord(d, n):
 
 SUPERVISORS = {"floor": floor, "morvaned": morvaned, "runit": runit, "s6": s6,
                "supervisord": supervisord}
-AVAILABLE = [k for k, cmd in (("floor", FLOOR), ("morvaned", MORVANED), ("runit", "runsvdir"),
+PEERS = os.path.join(BUILD, "peers")
+
+
+def private_mounts():
+    """The peers over /usr and a tmpfs for the runs' files, in this mount namespace only."""
+    if os.getpid() != 1:  # outside private-dev's namespaces the sink would bind the host's /dev/log
+        sys.exit("bench.py: run it with bench/run, as pid 1 of tests/private-dev's namespaces")
+    if os.path.exists(os.path.join(PEERS, "versions")):
+        lower = os.path.join(PEERS, "root", "usr")
+        if ":" in lower or "," in lower:  # they would split overlayfs's option
+            sys.exit("bench.py: the peers' path may not hold ':' or ',': " + lower)
+        subprocess.run(["mount", "-t", "overlay", "overlay", "-o", "ro,lowerdir=%s:/usr" % lower,
+                        "/usr"], check=True)
+    work = os.path.join(BUILD, "work")
+    os.makedirs(work, exist_ok=True)
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "tmpfs", work], check=True)
+    return work
+
+
+def available():
+    found = [k for k, cmd in (("floor", FLOOR), ("morvaned", MORVANED), ("runit", "runsvdir"),
                               ("s6", "s6-svscan"), ("supervisord", "supervisord"))
              if shutil.which(cmd)]
-if os.environ.get("BENCH_ONLY"):  # e.g. "floor,morvaned" while tuning
-    AVAILABLE = [k for k in AVAILABLE if k in os.environ["BENCH_ONLY"].split(",")]
+    if os.environ.get("BENCH_ONLY"):  # e.g. "floor,morvaned" while tuning
+        found = [k for k in found if k in os.environ["BENCH_ONLY"].split(",")]
+    return found
 
 
 def proc(pid, name):
@@ -239,10 +263,14 @@ def measure(kind, work, results):
         large.stop()
 
 
-METRICS = [("startup100", "start-up, N=100 (ms)", 1000), ("startup1000", "start-up, N=1000 (ms)", 1000),
-           ("restart", "restart latency (ms)", 1000), ("Rss", "RSS, N=1000 (MiB)", 1),
-           ("Pss", "PSS, N=1000 (MiB)", 1), ("Anonymous", "anonymous, N=1000 (MiB)", 1),
-           ("idle_cpu_ms", "idle CPU over 10 s (ms)", 1), ("idle_switches", "idle context switches over 10 s", 1)]
+METRICS = [("startup100", "start-up, N=100 (ms)", 1000),
+           ("startup1000", "start-up, N=1000 (ms)", 1000),
+           ("restart", "restart latency (ms)", 1000),
+           ("Rss", "RSS, N=1000 (MiB)", 1),
+           ("Pss", "PSS, N=1000 (MiB)", 1),
+           ("Anonymous", "anonymous, N=1000 (MiB)", 1),
+           ("idle_cpu_ms", "idle CPU over 10 s (ms)", 1),
+           ("idle_switches", "idle context switches over 10 s", 1)]
 
 
 def number(x):
@@ -255,42 +283,48 @@ def cell(values, scale):
 
 
 def main():
+    work = private_mounts()
+    kinds = available()
     sink = subprocess.Popen([os.path.join(BUILD, "sink")], stdout=subprocess.PIPE, text=True)
     while not os.path.exists("/dev/log"):
+        if sink.poll() is not None:
+            sys.exit("bench.py: the sink could not bind /dev/log")
         time.sleep(0.01)
-    work = tempfile.mkdtemp(prefix="morvaned-bench-")
-    results = {k: {m[0]: [] for m in METRICS} for k in AVAILABLE}
+    results = {k: {m[0]: [] for m in METRICS} for k in kinds}
     began = time.monotonic()
     for rep in range(REPS):
-        order = AVAILABLE[rep % len(AVAILABLE):] + AVAILABLE[:rep % len(AVAILABLE)]
+        order = kinds[rep % len(kinds):] + kinds[:rep % len(kinds)]
         for kind in order:
             print("rep %d/%d: %s" % (rep + 1, REPS, kind), file=sys.stderr, flush=True)
             measure(kind, work, results[kind])
-    shutil.rmtree(work, ignore_errors=True)
 
-    print("| metric | " + " | ".join(AVAILABLE) + " |")
-    print("|---|" + "---|" * len(AVAILABLE))
+    print("| metric | " + " | ".join(kinds) + " |")
+    print("|---|" + "---|" * len(kinds))
     for key, label, scale in METRICS:
-        print("| %s | %s |" % (label, " | ".join(cell(results[k][key], scale) for k in AVAILABLE)))
+        print("| %s | %s |" % (label, " | ".join(cell(results[k][key], scale) for k in kinds)))
     med = {k: {m: statistics.median(v) for m, v in r.items()} for k, r in results.items()}
     print()
     for key, label in (("startup100", "start-up N=100"), ("startup1000", "start-up N=1000"),
                        ("restart", "restart latency")):
         print("%s, median ratio to the floor: %s" % (label, ", ".join(
-            "%s %.2fx" % (k, med[k][key] / med["floor"][key]) for k in AVAILABLE)))
+            "%s %.2fx" % (k, med[k][key] / med["floor"][key]) for k in kinds)))
     m = med["morvaned"]
-    targets = [("start-up at N=1000 <= 1.0x the floor", m["startup1000"] <= med["floor"]["startup1000"]),
-               ("restart latency <= 1.05x the floor", m["restart"] <= 1.05 * med["floor"]["restart"]),
+    floor_med = med["floor"]
+    quiet = max(results["morvaned"]["idle_cpu_ms"] + results["morvaned"]["idle_switches"]) == 0
+    targets = [("start-up at N=1000 <= 1.0x the floor", m["startup1000"] <= floor_med["startup1000"]),
+               ("restart latency <= 1.05x the floor", m["restart"] <= 1.05 * floor_med["restart"]),
                ("anonymous memory <= 0.2 MiB", m["Anonymous"] <= 0.2),
                ("PSS <= 1.0 MiB", m["Pss"] <= 1.0),
-               ("no idle CPU and no idle wake-ups",
-                max(results["morvaned"]["idle_cpu_ms"]) == 0 and max(results["morvaned"]["idle_switches"]) == 0)]
+               ("no idle CPU and no idle wake-ups", quiet)]
     print()
     for text, ok in targets:
         print("morvaned target: %s: %s" % (text, "met" if ok else "NOT met"))
     sink.terminate()
     print("\n%d repetitions in %.0f s; morvaned sent %s syslog lines to the bench's socket"
           % (REPS, time.monotonic() - began, sink.communicate()[0].strip()))
+    if os.path.exists(os.path.join(PEERS, "versions")):
+        with open(os.path.join(PEERS, "versions")) as f:
+            print("peers unpacked from Debian: " + ", ".join(f.read().splitlines()))
 
 
 if __name__ == "__main__":
