@@ -1,79 +1,93 @@
-// CString's byte rules, as worked examples: a text edited step by step, with what each
-// step returns and leaves. Left and Right, which split the instance file names, are
-// proven on those names by the process tests (tests/process.sh).
+// CString's byte rules as worked examples, each row on a text of its own. Left and Right,
+// which split the instance file names, are proven on those names by the process tests
+// (tests/process.sh).
 #include "support/CString.h"
 
 #include <gtest/gtest.h>
 
 #include <stdexcept>
 #include <string>
-#include <utility>
 
 namespace {
-using namespace std::string_literals;  // "a\0b"s keeps its zero byte
+// "a\0b"s keeps its zero byte.
+using namespace std::string_literals;
+
+const CString kZero("a\0b", 3);
 
 // Every byte of s.
 std::string B(const CString& s) { return {s.GetString(), s.GetLength()}; }
 
+// A row: CALL on a CString made from TEXT leaves WANT.
+#define EDIT(text, call, want) \
+  {                            \
+    CString s(text);           \
+    s.call;                    \
+    EXPECT_EQ(B(s), want);     \
+  }
+// A row: CALL on a CString made from TEXT returns N and leaves WANT.
+#define COUNT(text, call, n, want) \
+  {                                \
+    CString s(text);               \
+    EXPECT_EQ(s.call, n);          \
+    EXPECT_EQ(B(s), want);         \
+  }
+
 TEST(CString, CopiesStopAtAZeroByteWhereAssignmentsKeepEveryByte) {
-  const CString zero("a\0b", 3);
-  CString s;
-  EXPECT_EQ(B(s = zero), "a\0b"s);
-  EXPECT_EQ(B(CString(s)), "a");
-  // There is no move constructor: a temporary is copied too.
-  EXPECT_EQ(B(CString(std::move(s))), "a");
-  EXPECT_EQ(B(zero + "c"), "ac");
-  EXPECT_EQ(B("c" + zero), "ca\0b"s);
-  EXPECT_FALSE(CString("a") < zero);
+  EXPECT_EQ(B(CString(kZero)), "a");
+  EXPECT_EQ(B(kZero + "c"), "ac");
+  EXPECT_EQ(B(CString() = kZero), "a\0b"s);
+  EXPECT_EQ(B("c" + kZero), "ca\0b"s);
 }
 
-TEST(CString, BuildsAndCompares) {
-  EXPECT_EQ(B(nullptr) + B({'x', 3}) + B({'x', -3}), "xxx");
-  CString s;
-  EXPECT_EQ(B(s = 'c'), "c");
-  (s = "a") += 'b';
-  EXPECT_EQ(B(s += "c"), "abc");
-  // Mid takes no start beyond the end.
-  EXPECT_THROW(s.Mid(5, 2), std::out_of_range);
-  // A prefix sorts first.
-  EXPECT_TRUE(CString("ab") < s);
-  EXPECT_FALSE(s < "ab");
-  EXPECT_FALSE(s < s);
+TEST(CString, BuildsAssignsAndAppends) {
+  EXPECT_EQ(B(nullptr), "");
+  EXPECT_EQ(B({'x', 3}), "xxx");
+  EXPECT_EQ(B({'x', -3}), "");
+  EXPECT_EQ(B((CString("x") = 'a') += "bc"), "abc");
+  EXPECT_EQ(B((CString("x") = "a") += 'b'), "ab");
 }
 
-TEST(CString, EditsInPlace) {
-  CString s(" a\t\n\v\f\r ");
-  s.TrimRight();
-  EXPECT_EQ(B(s), " a");
-  s += " b ";
-  s.TrimLeft();
-  // Nothing more to trim.
-  s.TrimLeft();
-  EXPECT_EQ(B(s), "a b ");
-  EXPECT_EQ(s.Replace(" ", ""), 2);
-  EXPECT_EQ(s.Replace('b', 'a'), 1);
-  EXPECT_EQ(s.Replace('a', 'a'), 2);
+TEST(CString, SortsByUnsignedBytesAPrefixFirst) {
+  EXPECT_TRUE(CString("ab") < "abc");
+  EXPECT_FALSE(CString("abc") < "ab");
+  EXPECT_FALSE(CString("ab") < "ab");
+  EXPECT_TRUE(CString("z") < "\xE9");
+  // The right side is read as a C string.
+  EXPECT_FALSE(CString("a") < kZero);
+}
+
+TEST(CString, MidTakesWhatThereIsUpToTheEndAndNoStartPastIt) {
+  EXPECT_EQ(B(CString("abc").Mid(1, 100)), "bc");
+  EXPECT_EQ(B(CString("abc").Mid(3, 2)), "");
+  EXPECT_THROW(CString("abc").Mid(4, 2), std::out_of_range);
+}
+
+TEST(CString, FormatsAtMost1023Bytes) {
+  EDIT("old", Format("%2000d", 7), std::string(1023, ' '));
+}
+
+TEST(CString, ChangesTheCaseOfAsciiLettersOnly) {
+  EDIT("Mix\xE9", MakeUpper(), "MIX\xE9");
+  EDIT("Mix\xC9", MakeLower(), "mix\xC9");
+}
+
+TEST(CString, TrimsTheCLocalesSpacesOnOneSide) {
+  EDIT(" \t\n\v\f\ra b ", TrimLeft(), "a b ");
+  EDIT(" a b \t\n\v\f\r", TrimRight(), " a b");
+  EDIT("a b", TrimLeft(), "a b");
+  EDIT("   ", TrimLeft(), "");
+  EDIT("   ", TrimRight(), "");
+}
+
+TEST(CString, ReplacesEveryOccurrenceLeftToRight) {
+  COUNT("banana", Replace('a', 'o'), 3, "bonono");
   // A replacement's own text is not scanned again.
-  EXPECT_EQ(s.Replace("a", "aa"), 2);
-  s += "o";
-  // Remove counts what it keeps, and leaves a text of nothing else whole.
-  EXPECT_EQ(s.Remove('a'), 1);
-  EXPECT_EQ(s.Remove('o'), 0);
-  EXPECT_EQ(B(s), "o");
-  s = "   ";
-  s.TrimLeft();
-  EXPECT_EQ(B(s), "");
-  s = "   ";
-  s.TrimRight();
-  EXPECT_EQ(B(s), "");
-  s = "Mix";
-  s.MakeUpper();
-  EXPECT_EQ(B(s), "MIX");
-  s.MakeLower();
-  EXPECT_EQ(B(s), "mix");
-  s.Format("%s:%d", "alpha", 42);
-  EXPECT_EQ(B(s), "alpha:42");
-  s.Format("%2000d", 7);
-  EXPECT_EQ(B(s), std::string(1023, ' '));
+  COUNT("aaa", Replace("a", "aa"), 3, "aaaaaa");
+  COUNT("abcabc", Replace("bc", ""), 2, "aa");
+}
+
+TEST(CString, RemoveCountsWhatItKeepsAndLeavesATextOfNothingElseWhole) {
+  COUNT("axb", Remove('x'), 2, "ab");
+  COUNT("xxx", Remove('x'), 0, "xxx");
 }
 }  // namespace
