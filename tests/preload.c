@@ -1,21 +1,25 @@
-// Preloaded into morvaned by tests/process.sh.
-// - time() is the modification time of the file $MORVANED_TEST_CLOCK, which the test sets;
-//   sleep(N) logs "sleep N" and lasts until that clock has moved N seconds on, or until a
-//   signal handler has run (with $MORVANED_TEST_SOAK it returns at once).
+// Preloaded into morvaned by tests/process.sh; the files it names are in the daemon's
+// working directory, the base directory.
+// - time() is the modification time of the file "clock", which the test sets, or without
+//   that file 10 s later at each call; sleep(N) logs "sleep N" and lasts until that clock
+//   has moved N seconds on, or until a signal handler has run.
 // - fork() adds the pid of each child to the file "pids".
-// - $MORVANED_TEST_TERM sends SIGTERM "early", just before the handler is installed, or
-//   just after fork number N; "fail" makes installing the handler fail.
-// - An unlock that fails logs "unlock failed"; a syslog call that the SIGTERM handler
-//   could interrupt aborts the daemon.
+// - wait3() makes the file "waiting" before it waits.
+// - $MORVANED_TEST_TERM sends SIGTERM just after each fork whose number is among its
+//   digits; "fail" makes installing the handler fail.
+// - An unlock that fails logs "unlock failed" while the file "unlocks" exists; a syslog
+//   call that the SIGTERM handler could interrupt aborts the daemon.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -28,9 +32,11 @@
 __attribute__((constructor)) static void Load(void) { unsetenv("LD_PRELOAD"); }
 
 time_t time(time_t* out) {
+  // The daemon passes no pointer.
+  (void)out;
+  static time_t ticks;
   struct stat clock;
-  time_t now = stat(getenv("MORVANED_TEST_CLOCK"), &clock) ? 0 : clock.st_mtime;
-  return out ? (*out = now) : now;
+  return stat("clock", &clock) ? ticks += 10 : clock.st_mtime;
 }
 
 void syslog(int priority, const char* format, ...) {
@@ -40,8 +46,7 @@ void syslog(int priority, const char* format, ...) {
   sigprocmask(SIG_BLOCK, NULL, &mask);
   // The SIGTERM handler logs too: had it run inside this call, the daemon would hang on
   // syslog's own lock.
-  int handled = term.sa_handler != SIG_DFL && term.sa_handler != SIG_IGN;
-  if (handled && !sigismember(&mask, SIGTERM)) abort();
+  if (term.sa_handler != SIG_DFL && !sigismember(&mask, SIGTERM)) abort();
   va_list args;
   va_start(args, format);
   vsyslog(priority, format, args);
@@ -49,7 +54,6 @@ void syslog(int priority, const char* format, ...) {
 }
 
 unsigned sleep(unsigned seconds) {
-  if (getenv("MORVANED_TEST_SOAK")) return 0;
   // Like a real sleep, only its wait lets signals in.
   sigset_t all, caller;
   sigfillset(&all);
@@ -62,9 +66,9 @@ unsigned sleep(unsigned seconds) {
   return 0;
 }
 
+// The daemon installs no other handler.
 __sighandler_t signal(int number, __sighandler_t handler) {
-  if (number == SIGTERM && !strcmp(TERM, "early")) raise(SIGTERM);
-  if (number == SIGTERM && !strcmp(TERM, "fail")) return errno = EINVAL, SIG_ERR;
+  if (!strcmp(TERM, "fail")) return errno = EINVAL, SIG_ERR;
   return REAL(signal)(number, handler);
 }
 
@@ -75,12 +79,18 @@ pid_t fork(void) {
   FILE* pids = fopen("pids", "a");
   fprintf(pids, "%d\n", pid);
   fclose(pids);
-  if (++forks == atoi(TERM)) kill(getpid(), SIGTERM);
+  if (memchr(TERM, '0' + ++forks, strlen(TERM))) kill(getpid(), SIGTERM);
   return pid;
+}
+
+// SIGTERM may come in here: system calls only, no stdio.
+pid_t wait3(int* status, int options, struct rusage* usage) {
+  close(creat("waiting", 0644));
+  return REAL(wait3)(status, options, usage);
 }
 
 int pthread_mutex_unlock(pthread_mutex_t* mutex) {
   int result = REAL(pthread_mutex_unlock)(mutex);
-  if (result) syslog(LOG_DAEMON | LOG_DEBUG, "unlock failed\n");
+  if (result && !access("unlocks", F_OK)) syslog(LOG_DAEMON | LOG_DEBUG, "unlock failed\n");
   return result;
 }
