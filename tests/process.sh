@@ -238,7 +238,9 @@ run -p pid
   29 Starting HL-7 Listener a:P4...
   28 @(Server a:P1|HL-7 Listener a:P2) killed by signal [9]
   29 Stopping daemon [D]...
-ended 0")
+ended 0
+# Whichever child was reaped, the server stopped is killed.
+poll gone P1")
   rows+=("export MORVANED_TEST_TERM=
 run -p pid
   29 Starting daemon [D]...
