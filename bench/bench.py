@@ -6,8 +6,9 @@ namespaces with a /dev of their own, where /dev/log is a socket read by
 bench/sink.c, so that morvaned logs at its true cost. In that mount namespace
 the bench lays the peers bench/run unpacked (BUILD_DIR/peers) over /usr and
 keeps its files on a tmpfs (BUILD_DIR/work): nothing is written on the host.
-Every supervisor runs the same static child (bench/child.c), which records
-when it started; each measurement is taken from those records and from /proc:
+Every supervisor runs the same static child (bench/child.c), copied to that
+tmpfs (morvaned's copy is named Morvane.exe), which records when it started;
+each measurement is taken from those records and from /proc:
 
   start-up   launch of the supervisor to the last of N children started
   memory     RSS, PSS and anonymous memory of the supervising processes
@@ -32,7 +33,8 @@ import time
 
 BUILD, MORVANED = sys.argv[1], sys.argv[2]
 REPS = int(sys.argv[3]) if len(sys.argv) > 3 else 3
-CHILD = os.path.join(BUILD, "child")
+WORK = os.path.join(BUILD, "work")  # a tmpfs while the bench runs
+CHILD = os.path.join(WORK, "child")  # every supervisor executes its children from there
 FLOOR = os.path.join(BUILD, "floor")
 IDLE_SECONDS = 10
 SIZES = (100, 1000)
@@ -107,10 +109,9 @@ def private_mounts():
             sys.exit("bench.py: the peers' path may not hold ':' or ',': " + lower)
         subprocess.run(["mount", "-t", "overlay", "overlay", "-o", "ro,lowerdir=%s:/usr" % lower,
                         "/usr"], check=True)
-    work = os.path.join(BUILD, "work")
-    os.makedirs(work, exist_ok=True)
-    subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "tmpfs", work], check=True)
-    return work
+    os.makedirs(WORK, exist_ok=True)
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "tmpfs", WORK], check=True)
+    shutil.copy(os.path.join(BUILD, "child"), CHILD)
 
 
 def available():
@@ -283,7 +284,7 @@ def cell(values, scale):
 
 
 def main():
-    work = private_mounts()
+    private_mounts()
     kinds = available()
     sink = subprocess.Popen([os.path.join(BUILD, "sink")], stdout=subprocess.PIPE, text=True)
     while not os.path.exists("/dev/log"):
@@ -296,7 +297,7 @@ def main():
         order = kinds[rep % len(kinds):] + kinds[:rep % len(kinds)]
         for kind in order:
             print("rep %d/%d: %s" % (rep + 1, REPS, kind), file=sys.stderr, flush=True)
-            measure(kind, work, results[kind])
+            measure(kind, WORK, results[kind])
 
     print("| metric | " + " | ".join(kinds) + " |")
     print("|---|" + "---|" * len(kinds))
