@@ -6,7 +6,8 @@
 // - fork() adds the pid of each child to the file "pids".
 // - wait3() makes the file "waiting" before it waits.
 // - $MORVANED_TEST_TERM sends SIGTERM just after each fork whose number is among its
-//   digits; "fail" makes installing the handler fail.
+//   digits; "early" sends it just before the handler is installed, "fail" makes
+//   installing the handler fail.
 // - An unlock that fails logs "unlock failed" while the file "unlocks" exists; a syslog
 //   call that the SIGTERM handler could interrupt aborts the daemon.
 #define _GNU_SOURCE
@@ -68,6 +69,7 @@ unsigned sleep(unsigned seconds) {
 
 // The daemon installs no other handler.
 __sighandler_t signal(int number, __sighandler_t handler) {
+  if (!strcmp(TERM, "early")) raise(SIGTERM);
   if (!strcmp(TERM, "fail")) return errno = EINVAL, SIG_ERR;
   return REAL(signal)(number, handler);
 }
