@@ -62,7 +62,8 @@ TEST(CString, MidTakesWhatThereIsUpToTheEndAndNoStartPastIt) {
   EXPECT_THROW(CString("abc").Mid(4, 2), std::out_of_range);
 }
 
-TEST(CString, FormatsAtMost1023Bytes) {
+TEST(CString, FormatsLikePrintfAtMost1023Bytes) {
+  EDIT("old", Format("%s:%d", "a", 7), "a:7");
   EDIT("old", Format("%2000d", 7), std::string(1023, ' '));
 }
 
@@ -76,7 +77,8 @@ TEST(CString, TrimsTheCLocalesSpacesOnOneSide) {
   EDIT(" a b \t\n\v\f\r", TrimRight(), " a b");
   EDIT("a b", TrimLeft(), "a b");
   EDIT("   ", TrimLeft(), "");
-  EDIT("   ", TrimRight(), "");
+  // Longer than the text kept inside the object: a read before it is one the sanitizer sees.
+  EDIT("                ", TrimRight(), "");
 }
 
 TEST(CString, ReplacesEveryOccurrenceLeftToRight) {

@@ -206,10 +206,13 @@ clock 50
 signal TERM P6
   28 Server a:P6 killed by signal [15]
   30 sleep 30
-# SIGTERM cuts the sleep short; the replacement decided on still starts.
+# SIGTERM cuts the sleep short; the replacement decided on still starts. The handler's lock
+# and unlock pair up: only the loop's own second unlock fails.
+touch unlocks
 term
   29 Stopping HL-7 Listener a:P7...
   29 Starting Server a:P8...
+  31 unlock failed
   29 Stopping daemon [D]...
 ended 0
 poll gone P7
