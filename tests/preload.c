@@ -1,26 +1,14 @@
-// Preloaded into morvaned by tests/process.sh; the files it names are in the daemon's
-// working directory, the base directory.
-// - time() is the modification time of the file "clock", which the test sets, or without
-//   that file 10 s later at each call; sleep(N) logs "sleep N" and lasts until that clock
-//   has moved N seconds on, or until a signal handler has run.
-// - fork() adds the pid of each child to the file "pids".
-// - wait3() makes the file "waiting" before it waits.
-// - $MORVANED_TEST_TERM sends SIGTERM just after each fork whose number is among its
-//   digits; "early" sends it just before the handler is installed, "fail" makes
-//   installing the handler fail.
-// - An unlock that fails logs "unlock failed" while the file "unlocks" exists; a syslog
-//   call that the SIGTERM handler could interrupt aborts the daemon.
+// Preloaded into morvaned by tests/process.sh, whose header lists the controls it gives the
+// tests: a clock, the children's pids, failed unlocks and SIGTERM at chosen instants.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -32,9 +20,8 @@
 // The daemon's children run without it.
 __attribute__((constructor)) static void Load(void) { unsetenv("LD_PRELOAD"); }
 
-time_t time(time_t* out) {
-  // The daemon passes no pointer.
-  (void)out;
+// The daemon passes no pointer.
+time_t time(time_t* out __attribute__((unused))) {
   static time_t ticks;
   struct stat clock;
   return stat("clock", &clock) ? ticks += 10 : clock.st_mtime;
@@ -83,12 +70,6 @@ pid_t fork(void) {
   fclose(pids);
   if (memchr(TERM, '0' + ++forks, strlen(TERM))) kill(getpid(), SIGTERM);
   return pid;
-}
-
-// SIGTERM may come in here: system calls only, no stdio.
-pid_t wait3(int* status, int options, struct rusage* usage) {
-  close(creat("waiting", 0644));
-  return REAL(wait3)(status, options, usage);
 }
 
 int pthread_mutex_unlock(pthread_mutex_t* mutex) {
