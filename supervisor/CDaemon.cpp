@@ -74,7 +74,7 @@ void ProgramPath(const char* program, char (&path)[kProgramPathBufferSize]) {
 
 // Runs in the child between fork and exec. A failed exec is not reported and
 // the child carries on in its caller's code as a second supervisor; it then
-// holds SIGTERM back just as its parent does.
+// holds SIGTERM back just as its parent does. Kept on purpose: no _exit.
 void ExecChild(const char* path, const char* program, const char* name) {
   AllowSigTerm();
   execl(path, program, name, static_cast<char*>(nullptr));
@@ -83,7 +83,8 @@ void ExecChild(const char* path, const char* program, const char* name) {
 
 void RestartBrake() {
   if (time(nullptr) - g_lastRestart <= kBrakeWindowSeconds) {
-    // SIGTERM cuts the sleep short; the replacement is started all the same.
+    // Kept on purpose: SIGTERM cuts the sleep short, and the replacement
+    // decided on before it is started all the same.
     AllowSigTerm();
     // NOLINTNEXTLINE(concurrency-mt-unsafe): one thread
     sleep(kBrakeSleepSeconds);
@@ -106,9 +107,10 @@ CDaemon::CDaemon() {
       if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) {
         continue;
       }
-      // The entry's type is not looked at: a directory named X.ini is an
-      // instance too. For names shorter than the extension, the unsigned
-      // count wraps and Left gives the whole name, which never matches.
+      // Kept on purpose: the entry's type is not looked at (a directory
+      // named X.ini is an instance too), nor are duplicates. For names shorter
+      // than the extension, the unsigned count wraps and Left gives the whole
+      // name, which never matches.
       CString fileName(entry->d_name);
       CString base =
           fileName.Left(fileName.GetLength() - kInstanceExtensionLength);
@@ -149,7 +151,8 @@ void CDaemon::StartServer(const char* name, bool withListener) {
     ExecChild(path, kServerProgram, name);
     return;
   }
-  // A failed fork is logged and recorded under -1 like any other pid.
+  // Kept on purpose: a failed fork is logged and recorded under -1 like any
+  // other pid, though StopAll will then kill(-1).
   syslog(LOG_DAEMON | LOG_NOTICE, "Starting Server %s:%d...\n", name, pid);
   // A SIGTERM that came since the last table update, up to this log line,
   // must not see this child yet, as if it had been handled at once. This is
@@ -180,7 +183,9 @@ void CDaemon::StartHL7Listener(const char* name) {
 }
 
 bool CDaemon::Run() {
-  // Start-up launches are not restarts: no brake, no stamp.
+  // Start-up launches are not restarts: no brake, no stamp. Kept on purpose:
+  // the pass does not look at g_running, so after a SIGTERM it still starts
+  // every instance left, and those children outlive the daemon.
   for (const std::string& name : m_instances) StartServer(name.c_str(), true);
 
   for (;;) {
@@ -191,7 +196,8 @@ bool CDaemon::Run() {
     HoldSigTerm();
     if (pid <= 0) {
       // 0 never comes without WNOHANG. Errors other than EINTR are retried
-      // at once: with no children at all, ECHILD makes this spin.
+      // at once. Kept on purpose: with no children at all, ECHILD makes this
+      // spin, and SIGTERM does not end it.
       if (waitError == EINTR) break;
       continue;
     }
@@ -202,7 +208,8 @@ bool CDaemon::Run() {
       text = "exited with status";
       code = status >> kStatusCodeShift;
     } else if ((status & kStatusSignalBits) == kStatusSignalBits) {
-      // A stopped child counts as gone: it is replaced and forgotten.
+      // Kept on purpose: a stopped child counts as gone, and is replaced and
+      // forgotten.
       text = "stopped by signal";
       code = status >> kStatusCodeShift;
     } else {
@@ -239,8 +246,8 @@ bool CDaemon::Run() {
       syslog(LOG_DAEMON | LOG_WARNING, "Unknown child process [%d] %s [%d]\n",
              pid, text, code);
     }
-    // For a known child the lock was already released above; this second
-    // unlock fails silently and leaves the lock free.
+    // Kept on purpose: for a known child the lock was already released
+    // above; this second unlock fails silently and leaves the lock free.
     g_processLock.Unlock();
     TakePendingSigTerm();
     if (!g_running) break;
@@ -251,7 +258,8 @@ bool CDaemon::Run() {
 void CDaemon::StopAll() {
   g_processLock.Lock();
   g_running = false;
-  // Every pid is signalled as listed, -1 from a failed fork included.
+  // Kept on purpose: every pid is signalled as listed, -1 from a failed fork
+  // included, which reaches every process the daemon may signal.
   for (const auto& entry : m_servers) {
     syslog(LOG_DAEMON | LOG_NOTICE, "Stopping Server %s:%d...\n",
            entry.second.c_str(), entry.first);

