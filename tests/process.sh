@@ -119,9 +119,12 @@ ended() {
   wait $daemon || status=$?
   [ $status = $1 ] && [ ! -e pid ] || fail "ended $status"
 }
-gone() { [ ! -e /proc/$(pid $1) ]; }
+alive() { [ -e /proc/$(pid $1) ]; }
+gone() { ! alive $1; }
 # The daemon is asleep: after its last start line, that is in its wait for a child.
 waits() { [ "$(cut -d' ' -f3 /proc/$daemon/stat)" = S ]; }
+# The process P runs on a CPU, or is ready to: it never sleeps.
+spins() { [ "$(cut -d' ' -f3 /proc/$(pid $1)/stat)" = R ]; }
 # ran LINE...: the children ran as these lines say, "PATH [ARGUMENT]", sorted.
 ran() { [ "$(LC_ALL=C sort started)" = "$(printf '%s\n' "$@")" ]; }
 # The daemon holds its three standard descriptors and its log socket, nothing else.
@@ -213,8 +216,8 @@ EOF
 # The brake: a restart 10 s after the last one (the first: after 0) comes at once; one 9 s
 # after the last restart of any child waits 30 s, and is stamped after that sleep: with the
 # clock set back behind the stamp, the next one waits too. SIGTERM cuts the wait short and
-# stops the children listed, and the replacement decided on still starts; the handler's
-# lock and unlock pair up (only the loop's own second unlock fails).
+# stops the children listed, and the replacement decided on still starts and outlives the
+# daemon; the handler's lock and unlock pair up (only the loop's own second unlock fails).
 brake_waits_30s_within_9s_of_a_restart_or_until_sigterm() { play; } <<EOF
 running
 end P1 0
@@ -238,6 +241,7 @@ term
   29 Stopping daemon [D]...
 ended 0
 poll gone P4
+alive P5
 EOF
 
 # A stopped child counts as ended: it is replaced and forgotten, and when it ends later it
@@ -266,6 +270,7 @@ run -p pid
 end P1 0
   28 Server a:P1 exited with status [0]
   29 Starting Server a:P3...
+poll spins P2
 EOF
 
 # SIGTERM during the start-up pass of two instances, just after launch 2 and again just
@@ -289,6 +294,8 @@ run -p pid
 ended 0
 # Whichever child was reaped, the server stopped is killed.
 poll gone P1
+alive P3
+alive P4
 EOF
 
 # SIGTERM once the daemon waits: every server is stopped, then every listener, each in pid
